@@ -1,0 +1,49 @@
+# waymark: `make test` installs what is missing, builds and runs every test;
+# `make bench` builds and runs the benchmarks.
+
+BUILD      ?= build
+BENCH_DIR  ?= build-bench
+JOBS       ?= $(shell nproc)
+CTEST_ARGS ?=
+
+# Debian packages the build and the tests need.
+PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
+           iproute2 iptables
+
+.PHONY: all deps build test bench demo clean format
+
+all: build
+
+deps:
+	@missing=""; \
+	for p in $(PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	fi
+
+$(BUILD)/build.ninja:
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+
+bench: deps
+	cmake -S . -B $(BENCH_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release \
+	  -DWAYMARK_BUILD_TESTS=OFF -DWAYMARK_BUILD_BENCH=ON
+	cmake --build $(BENCH_DIR) -j $(JOBS)
+	@for b in $(BENCH_DIR)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+demo:
+	@echo "make demo arrives with the daemon (waymarkd); see README.md"; exit 1
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(BENCH_DIR)

@@ -1,0 +1,57 @@
+// Hash functions of the keyed collections.
+//
+// Vix::Hash<K> gives a key's 32-bit hash: integral keys use Thomas Wang's
+// 32-bit integer hash, every other key type its own `hash()` member. Vix::
+// bitReverse turns a hash into the position value that orders a HashMap.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+
+namespace Vix {
+
+// Thomas Wang's 32-bit integer hash; every step is taken modulo 2^32.
+constexpr uint32_t wangHash32(uint32_t x) {
+  x = ~x + (x << 15);
+  x = x ^ (x >> 12);
+  x = x * 5;
+  x = x ^ (x >> 4);
+  x = x * 2057;
+  x = x ^ (x >> 16);
+  return x;
+}
+
+// Bit 0 becomes bit 31, bit 1 becomes bit 30, and so on.
+constexpr uint32_t bitReverse(uint32_t x) {
+  x = ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
+  x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
+  x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
+  x = ((x >> 8) & 0x00ff00ffu) | ((x & 0x00ff00ffu) << 8);
+  return (x >> 16) | (x << 16);
+}
+
+// FNV-1a over bytes, for names and byte strings.
+constexpr uint32_t fnv1a32(std::string_view bytes) {
+  uint32_t h = 2166136261u;
+  for (const char c : bytes) {
+    h ^= static_cast<unsigned char>(c);
+    h *= 16777619u;
+  }
+  return h;
+}
+
+template <class K, class = void>
+struct Hash {
+  uint32_t operator()(const K& k) const { return k.hash(); }
+};
+
+template <class K>
+struct Hash<K, std::enable_if_t<std::is_integral_v<K> || std::is_enum_v<K>>> {
+  uint32_t operator()(K k) const {
+    const auto v = static_cast<uint64_t>(k);
+    return wangHash32(static_cast<uint32_t>(v) ^ static_cast<uint32_t>(v >> 32));
+  }
+};
+
+}  // namespace Vix
