@@ -41,16 +41,23 @@ constexpr uint32_t fnv1a32(std::string_view bytes) {
   return h;
 }
 
+// Hash<K>()(k) is the key's hash; Hash<K>::position(k) is bitReverse of it,
+// the value a HashMap orders and buckets by.
 template <class K, class = void>
 struct Hash {
   uint32_t operator()(const K& k) const { return k.hash(); }
+  static uint32_t position(const K& k) { return bitReverse(k.hash()); }
 };
 
+// Integral keys hash to the bit reverse of a Fibonacci product, so that their
+// position value is the product itself: one multiply per lookup, and the
+// product's top bits, which choose the bucket, are its best mixed ones.
 template <class K>
 struct Hash<K, std::enable_if_t<std::is_integral_v<K> || std::is_enum_v<K>>> {
-  uint32_t operator()(K k) const {
+  uint32_t operator()(K k) const { return bitReverse(position(k)); }
+  static uint32_t position(K k) {
     const auto v = static_cast<uint64_t>(k);
-    return wangHash32(static_cast<uint32_t>(v) ^ static_cast<uint32_t>(v >> 32));
+    return static_cast<uint32_t>(((v ^ (v >> 32)) * 0x9e3779b97f4a7c15ull) >> 32);
   }
 };
 

@@ -14,13 +14,6 @@ constexpr uint32_t kMaxBucketBits = 30;
 
 HashMapMember HashMapBase::chainEnd_;
 
-HashMapMember* HashMapBase::findNextBucketG(uint32_t bucket) const {
-  for (uint32_t b = bucket; b < numBuckets_; ++b) {
-    if (buckets_[b] != chainEnd()) return buckets_[b];
-  }
-  return nullptr;
-}
-
 HashMapMember* HashMapBase::findNextG(uint32_t position, const void* key, bool inclusive) const {
   if (numBuckets_ == 0) return nullptr;
   const uint32_t bucket = bucketOf(position);
@@ -56,7 +49,7 @@ void HashMapBase::linkG(HashMapMember* t) {
 
 HashMapMember* HashMapBase::memberDelG(const void* key) {
   if (numBuckets_ == 0) return nullptr;
-  const uint32_t position = bitReverse(vtable_->hash(key));
+  const uint32_t position = vtable_->position(key);
   HashMapMember** link = &buckets_[bucketOf(position)];
   for (HashMapMember* m = *link; m != chainEnd(); link = &m->fwkHmNext_, m = *link) {
     if (m->fwkHmPosition_ < position) continue;

@@ -43,14 +43,17 @@ class HashMapMember : public PtrInterface {
   friend class HashMapBase;
   template <class V, class K>
   friend class HashMap;
-  HashMapMember* fwkHmNext_ = nullptr;
+  // The position first: it fills the tail padding of PtrInterface, which keeps
+  // a member of a map of numbers within one small allocation.
   uint32_t fwkHmPosition_ = 0;
+  HashMapMember* fwkHmNext_ = nullptr;
 };
+static_assert(sizeof(HashMapMember) == 24, "position packed into the count word's padding");
 
 // Key operations of one instantiation, for the generic engine.
 struct HashMapVTable {
   const void* (*key)(const HashMapMember*);
-  uint32_t (*hash)(const void* key);
+  uint32_t (*position)(const void* key);
   bool (*equal)(const void* a, const void* b);
   bool (*less)(const void* a, const void* b);
   void (*release)(HashMapMember*);
@@ -80,7 +83,20 @@ class HashMapBase {
   // less when `inclusive`; null past the end.
   HashMapMember* findNextG(uint32_t position, const void* key, bool inclusive) const;
   // First member of the first non-empty bucket at or after `bucket`.
-  HashMapMember* findNextBucketG(uint32_t bucket) const;
+  HashMapMember* findNextBucketG(uint32_t bucket) const {
+    for (uint32_t b = bucket; b < numBuckets_; ++b) {
+      if (buckets_[b] != chainEnd()) return buckets_[b];
+    }
+    return nullptr;
+  }
+  // findNextBucketG for a full walk: members are visited in hash order,
+  // which is random in memory, so the heads of the buckets a little ahead are
+  // fetched while the current ones are handled.
+  HashMapMember* nextBucketPrefetching(uint32_t bucket) const {
+    static constexpr uint32_t kAhead = 16;
+    if (bucket + kAhead < numBuckets_) __builtin_prefetch(buckets_[bucket + kAhead]);
+    return findNextBucketG(bucket);
+  }
   // Unlinks the member with `key` and hands the collection's reference to the
   // caller; null when absent.
   HashMapMember* memberDelG(const void* key);
@@ -122,7 +138,7 @@ class HashMap : public HashMapBase {
   // removed; it holds no reference.
   V* find(const K& key) const {
     if (numBuckets_ == 0) return nullptr;
-    const uint32_t position = bitReverse(Hash<K>()(key));
+    const uint32_t position = Hash<K>::position(key);
     for (HashMapMember* m = buckets_[bucketOf(position)]; m != chainEnd(); m = m->fwkHmNext_) {
       if (m->fwkHmPosition_ < position) continue;
       if (m->fwkHmPosition_ > position) return nullptr;
@@ -138,7 +154,7 @@ class HashMap : public HashMapBase {
   void newMember(const Ptr<V>& member) {
     HashMapMember* t = member.get();
     VIX_ASSERT(t->fwkHmNext() == 0, "t->fwkHmNext() == 0");
-    t->fwkHmPosition_ = bitReverse(Hash<K>()(member->key()));
+    t->fwkHmPosition_ = Hash<K>::position(member->key());
     t->referenceInc();
     linkG(t);
   }
@@ -153,11 +169,26 @@ class HashMap : public HashMapBase {
 
   void deleteAll() { deleteAllG(); }
 
+  // Calls f(member) for every member in table order without taking a
+  // reference to each, which makes it several times faster than an Iterator
+  // on maps that fit in cache. For walks that change nothing: `f` must not
+  // remove members or make the table resize (checked; a violation aborts).
+  template <class F>
+  void forEach(F&& f) const {
+    const uint32_t generation = generation_;
+    for (uint32_t b = 0; b < numBuckets_; ++b) {
+      for (HashMapMember* m = buckets_[b]; m != chainEnd(); m = m->fwkHmNext_) {
+        f(static_cast<V&>(*m));
+        VIX_ASSERT(generation == generation_, "HashMap::forEach: the map changed during the walk");
+      }
+    }
+  }
+
   Iterator begin() const { return Iterator(this, findNextBucketG(0)); }
   End end() const { return End(); }
   // The member with `key` if present, else the one that would follow it.
   Iterator startAtHash(const K& key) const {
-    return Iterator(this, findNextG(bitReverse(Hash<K>()(key)), &key, true));
+    return Iterator(this, findNextG(Hash<K>::position(key), &key, true));
   }
 
   class Iterator {
@@ -175,7 +206,7 @@ class HashMap : public HashMapBase {
       HashMapMember* next;
       if (generation_ == map_->generation_) {
         next = m->fwkHmNext_ != chainEnd() ? m->fwkHmNext_
-                                           : map_->findNextBucketG(
+                                           : map_->nextBucketPrefetching(
                                                  map_->bucketOf(m->fwkHmPosition_) + 1);
       } else {
         next = map_->findNextG(m->fwkHmPosition_, &current_->key(), false);
@@ -196,7 +227,7 @@ class HashMap : public HashMapBase {
 
  private:
   static const void* keyOf(const HashMapMember* m) { return &static_cast<const V*>(m)->key(); }
-  static uint32_t hashOf(const void* k) { return Hash<K>()(*static_cast<const K*>(k)); }
+  static uint32_t positionOf(const void* k) { return Hash<K>::position(*static_cast<const K*>(k)); }
   static bool equalKeys(const void* a, const void* b) {
     return *static_cast<const K*>(a) == *static_cast<const K*>(b);
   }
@@ -204,7 +235,7 @@ class HashMap : public HashMapBase {
     return *static_cast<const K*>(a) < *static_cast<const K*>(b);
   }
   static void release(HashMapMember* m) { m->referenceDec(); }
-  static constexpr HashMapVTable kVTable{keyOf, hashOf, equalKeys, lessKeys, release};
+  static constexpr HashMapVTable kVTable{keyOf, positionOf, equalKeys, lessKeys, release};
 };
 
 }  // namespace Vix

@@ -63,6 +63,12 @@ class ValueMap {
   }
   void delAll() { map_.deleteAll(); }
 
+  // Calls f(key, value) for every entry; see HashMap::forEach.
+  template <class F>
+  void forEach(F&& f) const {
+    map_.forEach([&](const Entry& e) { f(e.key(), e.value()); });
+  }
+
   Iterator begin() const { return map_.begin(); }
   typename Map::End end() const { return map_.end(); }
   Iterator startAtHash(const K& key) const { return map_.startAtHash(key); }

@@ -204,6 +204,25 @@ TEST(HashMapTest, IteratorStepsPastAMemberDeletedUnderIt) {
   EXPECT_TRUE(m.empty());
 }
 
+TEST(HashMapTest, ForEachWalksTheSameOrderAsTheIterator) {
+  IntMap m;
+  std::set<uint32_t> keys;
+  for (uint32_t k = 0; k < 300; ++k) {
+    keys.insert(k * 104729);
+    m.newMember(make<IntItem>(k * 104729));
+  }
+  std::vector<uint32_t> walked;
+  m.forEach([&](const IntItem& item) { walked.push_back(item.key()); });
+  EXPECT_EQ(walked, expectedOrder(keys));
+}
+
+TEST(HashMapDeathTest, ForEachAbortsWhenTheWalkRemovesAMember) {
+  IntMap m;
+  for (uint32_t k = 0; k < 10; ++k) m.newMember(make<IntItem>(k));
+  EXPECT_DEATH(m.forEach([&](const IntItem& item) { m.memberDel(item.key()); }),
+               "the map changed during the walk");
+}
+
 TEST(HashMapTest, EmptyTableHasNoBucketsAndIteratesAsEmpty) {
   IntMap m;
   EXPECT_EQ(m.buckets(), 0u);
