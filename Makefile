@@ -8,9 +8,9 @@ CTEST_ARGS ?=
 
 # Debian packages the build and the tests need.
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
-           iproute2 iptables
+           clang-format iproute2 iptables
 
-.PHONY: all deps build test bench demo clean format
+.PHONY: all deps build test bench demo clean format format-check
 
 all: build
 
@@ -44,6 +44,9 @@ demo:
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+format-check: deps
+	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 
 clean:
 	rm -rf $(BUILD) $(BENCH_DIR)

@@ -5,9 +5,9 @@
 // deletion of the member it stands on) and with forEach.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <algorithm>
 #include <random>
 #include <unordered_map>
 #include <vector>
@@ -123,7 +123,7 @@ void BM_Iterate(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-#define WAYMARK_MAP_BENCH(fn)                                                              \
+#define WAYMARK_MAP_BENCH(fn)                                                             \
   BENCHMARK_TEMPLATE(fn, VixMap)->Arg(1000)->Arg(100000)->Arg(1000000)->Name(#fn "/vix"); \
   BENCHMARK_TEMPLATE(fn, StdMap)->Arg(1000)->Arg(100000)->Arg(1000000)->Name(#fn "/std")
 

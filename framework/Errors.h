@@ -47,8 +47,8 @@ class ParseError : public std::invalid_argument {
 
 // Aborts with `text` when `cond` is false. Always on: a broken invariant in a
 // router's forwarding state must stop the daemon, not be carried on.
-#define VIX_ASSERT(cond, text)                                      \
-  do {                                                              \
-    if (!(cond)) [[unlikely]]                                       \
-      ::Vix::assertionFailed((text), __FILE__, __LINE__);           \
+#define VIX_ASSERT(cond, text)                            \
+  do {                                                    \
+    if (!(cond)) [[unlikely]]                             \
+      ::Vix::assertionFailed((text), __FILE__, __LINE__); \
   } while (0)

@@ -205,9 +205,9 @@ class HashMap : public HashMapBase {
       const HashMapMember* m = current_.get();
       HashMapMember* next;
       if (generation_ == map_->generation_) {
-        next = m->fwkHmNext_ != chainEnd() ? m->fwkHmNext_
-                                           : map_->nextBucketPrefetching(
-                                                 map_->bucketOf(m->fwkHmPosition_) + 1);
+        next = m->fwkHmNext_ != chainEnd()
+                   ? m->fwkHmNext_
+                   : map_->nextBucketPrefetching(map_->bucketOf(m->fwkHmPosition_) + 1);
       } else {
         next = map_->findNextG(m->fwkHmPosition_, &current_->key(), false);
         generation_ = map_->generation_;

@@ -27,9 +27,7 @@ class PtrInterface {
   bool zombie() const { return (word_ & kZombieBit) != 0; }
 
  protected:
-  void zombieIs(bool zombie) {
-    word_ = zombie ? (word_ | kZombieBit) : (word_ & kCountMask);
-  }
+  void zombieIs(bool zombie) { word_ = zombie ? (word_ | kZombieBit) : (word_ & kCountMask); }
 
  private:
   static constexpr uint32_t kZombieBit = 0x80000000u;

@@ -52,12 +52,12 @@ inline constexpr std::string_view kTraceFile = "PbrAclPlugin";
 }  // namespace Vix
 
 // Traces `expr`, a chain of stream insertions, at `level`.
-#define VIX_TRACE(level, expr)                                                    \
-  do {                                                                            \
-    if (::Vix::Trace::enabled(level)) {                                           \
-      std::ostringstream vixTraceStream_ = ::Vix::Trace::stream();                \
-      vixTraceStream_ << expr;                                                    \
-      ::Vix::Trace::write((level), __func__, ::Vix::kTraceFile, __LINE__,         \
-                          std::move(vixTraceStream_).str());                      \
-    }                                                                             \
+#define VIX_TRACE(level, expr)                                            \
+  do {                                                                    \
+    if (::Vix::Trace::enabled(level)) {                                   \
+      std::ostringstream vixTraceStream_ = ::Vix::Trace::stream();        \
+      vixTraceStream_ << expr;                                            \
+      ::Vix::Trace::write((level), __func__, ::Vix::kTraceFile, __LINE__, \
+                          std::move(vixTraceStream_).str());              \
+    }                                                                     \
   } while (0)

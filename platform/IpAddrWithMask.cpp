@@ -6,7 +6,7 @@
 namespace Velnet {
 
 std::optional<std::pair<std::string_view, uint8_t>> splitMaskLen(std::string_view text,
-                                                                  int maxLen) {
+                                                                 int maxLen) {
   const size_t slash = text.find('/');
   if (slash == std::string_view::npos) return std::nullopt;
   const std::string_view digits = text.substr(slash + 1);

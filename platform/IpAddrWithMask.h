@@ -43,7 +43,6 @@ std::ostream& operator<<(std::ostream& os, const IpAddrWithMask& a);
 
 // Splits "text/len" and reads len as a decimal number no greater than
 // `maxLen`; nothing when the form is wrong.
-std::optional<std::pair<std::string_view, uint8_t>> splitMaskLen(std::string_view text,
-                                                                  int maxLen);
+std::optional<std::pair<std::string_view, uint8_t>> splitMaskLen(std::string_view text, int maxLen);
 
 }  // namespace Velnet

@@ -26,8 +26,8 @@ TEST(TraceTest, NumbersAreWrittenWithTwelveSignificantDigits) {
   TraceCapture capture;
   tracedOperation(1234567.123456789);
   tracedOperation(0.1 + 0.2);
-  EXPECT_EQ(capture.texts(9), (std::vector<std::string>{"Codef starting at 1234567.12346",
-                                                        "Codef starting at 0.3"}));
+  EXPECT_EQ(capture.texts(9),
+            (std::vector<std::string>{"Codef starting at 1234567.12346", "Codef starting at 0.3"}));
 }
 
 TEST(TraceTest, LevelsAboveTheSinksLevelAreNeitherComposedNorWritten) {

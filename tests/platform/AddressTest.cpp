@@ -50,9 +50,9 @@ TEST(Ip6AddrTest, WritesTheRecommendedCompressedForm) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"2001:0db8:0000:0000:0000:0000:0000:0001", "2001:db8::1"},
       {"2001:DB8::1", "2001:db8::1"},
-      {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},  // leftmost of two equal runs
+      {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},     // leftmost of two equal runs
       {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},  // a single zero group stays
-      {"2001:db8:0:0:0:1:0:0", "2001:db8::1:0:0"},      // the longest run wins
+      {"2001:db8:0:0:0:1:0:0", "2001:db8::1:0:0"},       // the longest run wins
       {"::", "::"},
       {"::1", "::1"},
       {"fe80::", "fe80::"},
@@ -66,8 +66,8 @@ TEST(Ip6AddrTest, WritesTheRecommendedCompressedForm) {
 
 TEST(Ip6AddrTest, RejectsMalformedTextNamingIt) {
   for (const char* bad : {"", ":", ":::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "1::2::3",
-                          "12345::", "g::", "::1.2.3", "1.2.3.4::", "fe80::1%eth0", ":1::",
-                          "1:2:3:4:5:6:7:8::", "::ffff:1.2.3.4:5"}) {
+                          "12345::", "g::", "::1.2.3", "1.2.3.4::", "fe80::1%eth0",
+                          ":1::", "1:2:3:4:5:6:7:8::", "::ffff:1.2.3.4:5"}) {
     EXPECT_FALSE(Ip6Addr::tryParse(bad)) << bad;
   }
   expectError<Vix::ParseError>([] { Ip6Addr::parse("2001:db8::g"); },
@@ -107,8 +107,8 @@ TEST(IpAddrWithMaskTest, TwoAddressesOfOneSubnetAreDifferentValues) {
   EXPECT_NE(a, b);
   EXPECT_EQ(Prefix(a), Prefix(b));
   EXPECT_EQ(a.stringValue(), "10.1.1.1/24");
-  for (const char* bad : {"10.1.1.1", "10.1.1.1/33", "10.1.1.1/", "10.1.1.1/024", "/24",
-                          "10.1.1.1/2a"}) {
+  for (const char* bad :
+       {"10.1.1.1", "10.1.1.1/33", "10.1.1.1/", "10.1.1.1/024", "/24", "10.1.1.1/2a"}) {
     EXPECT_FALSE(IpAddrWithMask::tryParse(bad)) << bad;
   }
 }
