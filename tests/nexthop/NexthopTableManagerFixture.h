@@ -1,0 +1,39 @@
+// A NexthopTableManager wired to a recording command runner, with traces
+// captured, testMode restored after the test, and helpers that read like the
+// router's state ("192.0.2.0/24 is connected").
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "framework/Ptr.h"
+#include "nexthop/NexthopTableManager.h"
+#include "platform/IpGenAddr.h"
+#include "tests/support/RecordingCommandRunner.h"
+#include "tests/support/TraceCapture.h"
+
+namespace waymark::test {
+
+inline Velnet::IpGenAddr addr(const std::string& text) { return Velnet::IpGenAddr::parse(text); }
+
+class NexthopTableManagerTest : public ::testing::Test {
+ protected:
+  NexthopTableManagerTest() { manager->commandRunnerIs(&runner); }
+  ~NexthopTableManagerTest() override { Pbr::testMode = false; }
+
+  // Makes a subnet connected, as the subnet tracking would.
+  void connected(const std::string& prefix) {
+    if (prefix.find(':') != std::string::npos) {
+      manager->trie6Is()->routeIs(Velnet::Ip6Prefix::parse(prefix), true);
+    } else {
+      manager->trieIs()->routeIs(Velnet::Prefix::parse(prefix), true);
+    }
+  }
+
+  TraceCapture traces;
+  RecordingCommandRunner runner;
+  Vix::Ptr<Pbr::NexthopTableManager> manager = Vix::make<Pbr::NexthopTableManager>();
+};
+
+}  // namespace waymark::test
