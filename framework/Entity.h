@@ -32,16 +32,29 @@ class Entity : public HashMapMember {
   template <class N, class F>
   void notify(F&& f) const {
     if (notifiees_.empty()) return;
-    ++notifying_;
+    const Delivery delivery(this);
     const size_t n = notifiees_.size();
     for (size_t i = 0; i < n; ++i) {
       NotifieeBase* r = notifiees_[i];
       if (r != nullptr && deliverable(r)) f(static_cast<N&>(*r));
     }
-    if (--notifying_ == 0 && holes_) compact();
   }
 
  private:
+  // Marks a delivery in progress; a handler that throws still ends it.
+  class Delivery {
+   public:
+    explicit Delivery(const Entity* e) : e_(e) { ++e_->notifying_; }
+    ~Delivery() {
+      if (--e_->notifying_ == 0 && e_->holes_) e_->compact();
+    }
+    Delivery(const Delivery&) = delete;
+    Delivery& operator=(const Delivery&) = delete;
+
+   private:
+    const Entity* e_;
+  };
+
   static bool deliverable(const NotifieeBase* r);
   void compact() const;
 

@@ -1,5 +1,8 @@
 #include "nexthop/NexthopTableManager.h"
 
+#include <cmath>
+
+#include "framework/ActivityManager.h"
 #include "framework/Errors.h"
 #include "framework/Trace.h"
 
@@ -37,7 +40,33 @@ uint16_t nextIpRuleIndexCandidate(uint16_t index) {
 
 }  // namespace
 
-NexthopTableManager::NexthopTableManager() : commandRunner_(&systemCommandRunner) {}
+// Wakes the programming loop.
+class NexthopTableManager::DeferredRouteTableClock : public Vix::ClockNotifiee {
+ public:
+  explicit DeferredRouteTableClock(NexthopTableManager* manager) : manager_(manager) {}
+  void onTime() override { manager_->handleClock(); }
+
+ private:
+  NexthopTableManager* manager_;
+};
+
+NexthopTableManager::NexthopTableManager(const Vix::Ptr<const Ip::Status>& ipStatus,
+                                         const Vix::Ptr<const Ip6::Status>& ip6Status)
+    : commandRunner_(&systemCommandRunner) {
+  handleInitialized();
+  ipStatus_ = Vix::make<VixIpStatus>(this);
+  ipStatus_->notifierIs(ipStatus.get());
+  ip6Status_ = Vix::make<VixIp6Status>(this);
+  ip6Status_->notifierIs(ip6Status.get());
+}
+
+NexthopTableManager::~NexthopTableManager() {
+  tearingDown_ = true;
+  ipStatus_ = nullptr;
+  ip6Status_ = nullptr;
+  ipIntfStatus_.deleteAll();
+  ip6IntfStatus_.deleteAll();
+}
 
 void NexthopTableManager::commandRunnerIs(CommandRunner* runner) {
   commandRunner_ = runner != nullptr ? runner : &systemCommandRunner;
@@ -46,14 +75,19 @@ void NexthopTableManager::commandRunnerIs(CommandRunner* runner) {
 uint32_t NexthopTableManager::nexthopInc(const IpGenAddr& addr, uint32_t delta) {
   const uint32_t count = nexthop(addr) + delta;
   nexthop_.valueIs(addr, count);
+  if (delta != 0) handleNexthop(addr);
   return count;
 }
 
 void NexthopTableManager::nexthopIs(const IpGenAddr& addr, uint32_t count) {
   nexthop_.valueIs(addr, count);
+  handleNexthop(addr);
 }
 
-void NexthopTableManager::nexthopDel(const IpGenAddr& addr) { nexthop_.del(addr); }
+void NexthopTableManager::nexthopDel(const IpGenAddr& addr) {
+  nexthop_.del(addr);
+  handleNexthop(addr);
+}
 
 void NexthopTableManager::programmedIs(const IpGenAddr& addr, bool programmed) {
   if (!programmed_.valueIs(addr, programmed)) return;
@@ -252,6 +286,288 @@ bool NexthopTableManager::runCommand(const std::string& command, bool allowFailu
   if (exitCode == 0) return true;
   VIX_TRACE(4, "\tCommand failed with return value " << exitCode << "!");
   return false;
+}
+
+// -- Deferred programming ----------------------------------------------------
+
+const Vix::Clock* NexthopTableManager::deferredRouteTableClock() const {
+  return deferredRouteTableClock_ ? deferredRouteTableClock_->notifier() : nullptr;
+}
+
+void NexthopTableManager::deferredRouteTableClockIs(const Vix::Ptr<Vix::Clock>& clock) {
+  if (!deferredRouteTableClock_) {
+    deferredRouteTableClock_ = Vix::make<DeferredRouteTableClock>(this);
+  }
+  deferredRouteTableClock_->notifierIs(clock.get());
+}
+
+double NexthopTableManager::deferredRouteTableClockTimeMin() const {
+  return deferredRouteTableClock_ ? deferredRouteTableClock_->timeMin() : Vix::kNever;
+}
+
+void NexthopTableManager::handleInitialized() {
+  VIX_TRACE(8, __PRETTY_FUNCTION__);
+  deferredRouteTableClockIs(Vix::activityManager().clock());
+  initializedIs(true);
+}
+
+void NexthopTableManager::nexthopProgrammingTimeLimitIs(double limit) {
+  if (limit == nexthopProgrammingTimeLimit_) return;
+  nexthopProgrammingTimeLimit_ = limit;
+  handleNexthopProgrammingTimeLimit();
+}
+
+void NexthopTableManager::handleNexthop(const IpGenAddr& addr) {
+  VIX_TRACE(8, __PRETTY_FUNCTION__ << "(" << addr << ")");
+  if (nexthop(addr) != 0) {
+    if (programmed(addr)) {
+      // Nothing left to do; a queued removal is cancelled.
+      pendingNexthopDel(addr);
+      return;
+    }
+    pendingNexthopIsAndArm(addr, pendingAdd);
+    return;
+  }
+  // A nexthop that never got resources has nothing to remove; an add still
+  // queued for it is carried out all the same.
+  if (fwmark(addr) == 0) return;
+  pendingNexthopIsAndArm(addr, pendingDelete);
+}
+
+void NexthopTableManager::pendingNexthopIsAndArm(const IpGenAddr& addr,
+                                                 PendingNexthopOperation op) {
+  pendingNexthopIs(addr, op);
+  handleNexthopProgrammingTimeLimit();
+}
+
+void NexthopTableManager::handleNexthopProgrammingTimeLimit() {
+  if (codefScheduled_ || !deferredRouteTableClock_) return;
+  if (pendingNexthop_.empty() || nexthopProgrammingTimeLimit_ == 0.0) {
+    deferredRouteTableClock_->timeMinIs(Vix::kNever);
+    return;
+  }
+  deferredRouteTableClock_->timeMinIs(Vix::now());
+  codefScheduledIs(true);
+}
+
+void NexthopTableManager::handleClock() {
+  VIX_TRACE(8, __PRETTY_FUNCTION__);
+  const double start = Vix::now();
+  const double deadline = start + nexthopProgrammingTimeLimit_;
+  double current = start;
+  auto pending = pendingNexthop_.startAtHash(pendingNexthopBookmark_);
+  auto waiting = nexthopWithoutResources_.begin();
+  VIX_TRACE(9, "Codef starting at " << start);
+  // The deadline is checked between entries, never inside one, so a run with
+  // a positive limit always examines at least one entry.
+  while (!pendingNexthop_.empty() && deadline > current) {
+    if (pending.atEnd()) pending = pendingNexthop_.begin();
+    const IpGenAddr addr = pending->key();
+    programOrRemove(addr, pending->value(), waiting);
+    ++pending;
+    pendingNexthopDel(addr);
+    current = Vix::now();
+  }
+  const double elapsed = current - start;
+  lastProgrammingTimeIs(elapsed);
+  totalProgrammingTimeInc(elapsed);
+  if (elapsed > maxProgrammingTime_) maxProgrammingTimeIs(elapsed);
+  codefScheduledIs(false);
+  if (!pendingNexthop_.empty()) {
+    handleNexthopProgrammingTimeLimit();
+    if (pending.atEnd()) pending = pendingNexthop_.begin();
+    pendingNexthopBookmarkIs(pending->key());
+  }
+  VIX_TRACE(9, "Codef done at " << current << ", ran for " << elapsed);
+}
+
+void NexthopTableManager::programOrRemove(const IpGenAddr& addr, PendingNexthopOperation op,
+                                          Vix::ValueMap<IpGenAddr, bool>::Iterator& waiting) {
+  const bool shouldProgram = op == pendingAdd;
+  const bool isProgrammed = programmed(addr);
+  // Programmed, but its subnet went away meanwhile: its kernel state is stale.
+  const bool force = shouldProgram && isProgrammed && withoutSubnet(addr);
+  VIX_TRACE(
+      9, "Examining " << addr << " shouldProgram=" << shouldProgram << " force program " << force);
+  if (shouldProgram && (!isProgrammed || force)) {
+    VIX_TRACE(9, "Codef adding nexthop for " << addr);
+    createRoutingTable(addr, force);
+    nexthopsAddedInc(1);
+    return;
+  }
+  if (!shouldProgram && isProgrammed) {
+    VIX_TRACE(9, "Codef deleting nexthop for " << addr);
+    deleteRoutingTable(addr, false);
+    releaseResources(addr);
+    programmedDel(addr);
+    nexthopsDeletedInc(1);
+    handOnResources(waiting);
+  }
+}
+
+void NexthopTableManager::releaseResources(const IpGenAddr& addr) {
+  if (const auto table = routeTableDel(addr)) addrForRouteTableDel(static_cast<uint16_t>(*table));
+  if (const auto index = ipRuleIndexDel(addr)) addrForIpRuleIndexDel(static_cast<uint16_t>(*index));
+  if (const auto mark = fwmarkDel(addr)) addrForFwmarkDel(*mark);
+}
+
+// Freed resources go to one waiting nexthop. The walk stays on the nexthop it
+// queued, so a later deletion in the same run considers it first again.
+void NexthopTableManager::handOnResources(Vix::ValueMap<IpGenAddr, bool>::Iterator& waiting) {
+  while (!waiting.atEnd()) {
+    const IpGenAddr candidate = waiting->key();
+    if (programmed(candidate)) {
+      ++waiting;
+      nexthopWithoutResourcesDel(candidate);
+      continue;
+    }
+    VIX_TRACE(9, "Codef enqueueing creation of " << candidate);
+    pendingNexthopIs(candidate, pendingAdd);
+    return;
+  }
+}
+
+// -- Connected-subnet tracking -------------------------------------------------
+
+void NexthopTableManager::handleIpIntfAddress(const Velnet::IntfId& intfId,
+                                              const Velnet::IpAddrWithMask& a, bool cleanup) {
+  VIX_TRACE(8, __PRETTY_FUNCTION__ << ": " << intfId << ", " << a << " cleanup=" << cleanup);
+  const Ip::Status* status = ipStatus_ ? ipStatus_->notifier() : nullptr;
+  const auto intf = status != nullptr ? status->ipIntfStatus(intfId) : nullptr;
+  if (intf && !cleanup && !a.isZero() &&
+      (a == intf->activeAddrWithMask() || intf->activeSecondaryWithMask(a))) {
+    validSubnetIs(a, intfId);
+    return;
+  }
+  // Only the interface that holds an address can withdraw it.
+  if (validSubnet(a) == intfId) validSubnetDel(a);
+}
+
+void NexthopTableManager::handleIp6IntfAddress(const Velnet::IntfId& intfId,
+                                               const Velnet::Ip6AddrWithMask& a, bool cleanup) {
+  VIX_TRACE(8, __PRETTY_FUNCTION__ << ": " << intfId << ", " << a << " cleanup=" << cleanup);
+  const Ip6::Status* status = ip6Status_ ? ip6Status_->notifier() : nullptr;
+  const auto intf = status != nullptr ? status->intf(intfId) : nullptr;
+  if (intf && !cleanup && !a.isZero() && !intf->addr(a).empty()) {
+    validSubnet6Is(a, intfId);
+    return;
+  }
+  if (validSubnet6(a) == intfId) validSubnet6Del(a);
+}
+
+void NexthopTableManager::validSubnetIs(const Velnet::IpAddrWithMask& a,
+                                        const Velnet::IntfId& intfId) {
+  // The last interface to claim an address wins.
+  if (!validSubnet_.valueIs(a, intfId)) return;
+  handleValidSubnet(a);
+}
+
+Velnet::IntfId NexthopTableManager::validSubnetDel(const Velnet::IpAddrWithMask& a) {
+  const auto removed = validSubnet_.del(a);
+  if (!removed) return Velnet::IntfId();
+  handleValidSubnet(a);
+  return *removed;
+}
+
+void NexthopTableManager::validSubnet6Is(const Velnet::Ip6AddrWithMask& a,
+                                         const Velnet::IntfId& intfId) {
+  if (!validSubnet6_.valueIs(a, intfId)) return;
+  handleValidSubnet6(a);
+}
+
+Velnet::IntfId NexthopTableManager::validSubnet6Del(const Velnet::Ip6AddrWithMask& a) {
+  const auto removed = validSubnet6_.del(a);
+  if (!removed) return Velnet::IntfId();
+  handleValidSubnet6(a);
+  return *removed;
+}
+
+void NexthopTableManager::handleValidSubnet(const Velnet::IpAddrWithMask& a) {
+  VIX_TRACE(8, __PRETTY_FUNCTION__ << ": " << a);
+  const Velnet::Prefix subnet(a);
+  if (!validSubnet(a).empty()) {
+    VIX_TRACE(6, "Adding valid subnet " << a);
+    trieIs()->routeIs(subnet, true);
+    // Waiting nexthops stay flagged until the loop has programmed them.
+    nexthopWithoutSubnet_.forEach([&](const Velnet::IpAddr& nh, bool) {
+      if (subnet.contains(nh)) pendingNexthopIsAndArm(nh, pendingAdd);
+    });
+    return;
+  }
+  VIX_TRACE(6, "Removing invalid subnet " << a);
+  trieIs()->routeDel(subnet);
+  const auto removed = nexthopsForSubnetDel(subnet);
+  if (!removed) return;
+  removed->addrs().forEach([&](const Velnet::IpAddr& nh, bool) {
+    pendingNexthopIsAndArm(nh, pendingDelete);
+    nexthopWithoutSubnetIs(nh, true);
+  });
+}
+
+void NexthopTableManager::handleValidSubnet6(const Velnet::Ip6AddrWithMask& a) {
+  VIX_TRACE(8, __PRETTY_FUNCTION__ << ": " << a);
+  const Velnet::Ip6Prefix subnet(a);
+  if (!validSubnet6(a).empty()) {
+    VIX_TRACE(6, "Adding valid subnet " << a);
+    trie6Is()->routeIs(subnet, true);
+    nexthop6WithoutSubnet_.forEach([&](const Velnet::Ip6Addr& nh, bool) {
+      if (subnet.contains(nh)) pendingNexthopIsAndArm(nh, pendingAdd);
+    });
+    return;
+  }
+  VIX_TRACE(6, "Removing invalid subnet " << a);
+  trie6Is()->routeDel(subnet);
+  const auto removed = nexthopsForSubnet6Del(subnet);
+  if (!removed) return;
+  removed->addrs().forEach([&](const Velnet::Ip6Addr& nh, bool) {
+    pendingNexthopIsAndArm(nh, pendingDelete);
+    nexthop6WithoutSubnetIs(nh, true);
+  });
+}
+
+void NexthopTableManager::ipIntfStatusIs(const Vix::Ptr<const Ip::IpIntfStatus>& status) {
+  const Velnet::IntfId& intfId = status->intfId();
+  if (const auto existing = ipIntfStatus_.member(intfId)) {
+    if (existing->notifier() == status.get()) return;
+    ipIntfStatusDel(intfId);
+  }
+  auto reactor = Vix::make<VixIpIntfStatus>(intfId, this);
+  ipIntfStatus_.newMember(reactor);
+  reactor->notifierIs(status.get());
+  reactor->vix_handleIpIntfStatus();
+}
+
+void NexthopTableManager::ipIntfStatusDel(const Velnet::IntfId& intfId) {
+  if (const auto reactor = ipIntfStatus_.memberDel(intfId)) reactor->vixDoZombieReactors(true);
+}
+
+void NexthopTableManager::ip6IntfStatusIs(const Vix::Ptr<const Ip6::IntfStatus>& status) {
+  const Velnet::IntfId& intfId = status->intfId();
+  if (const auto existing = ip6IntfStatus_.member(intfId)) {
+    if (existing->notifier() == status.get()) return;
+    ip6IntfStatusDel(intfId);
+  }
+  auto reactor = Vix::make<VixIp6IntfStatus>(intfId, this);
+  ip6IntfStatus_.newMember(reactor);
+  reactor->notifierIs(status.get());
+  reactor->vix_handleIp6IntfStatus();
+}
+
+void NexthopTableManager::ip6IntfStatusDel(const Velnet::IntfId& intfId) {
+  if (const auto reactor = ip6IntfStatus_.memberDel(intfId)) reactor->vixDoZombieReactors(true);
+}
+
+void NexthopTableManager::vix_handleIpIntfStatus(VixIpIntfStatus* reactor) {
+  if (!tearingDown_) reactor->handleAll(true);
+}
+
+void NexthopTableManager::vix_handleIp6IntfStatus(VixIp6IntfStatus* reactor) {
+  if (!tearingDown_) reactor->handleAll(true);
+}
+
+Vix::Ptr<NexthopTableManager> nexthopTableManagerFactory(
+    const Vix::Ptr<const Ip::Status>& ipStatus, const Vix::Ptr<const Ip6::Status>& ip6Status) {
+  return Vix::make<NexthopTableManager>(ipStatus, ip6Status);
 }
 
 }  // namespace Pbr

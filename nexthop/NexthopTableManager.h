@@ -11,6 +11,16 @@
 // each search starts after the value handed out last, so a freed value is
 // reused only once the cursor has gone round.
 //
+// Kernel work is never done in the reaction that notices a change: changes
+// queue an operation per nexthop in pendingNexthop, and a loop on the
+// framework clock (the codef) carries them out in slices of at most
+// nexthopProgrammingTimeLimit seconds, resuming at a bookmark so that a long
+// queue is walked fairly. A deletion hands its freed resources to one nexthop
+// waiting for them. The connected subnets are learnt from the platform's
+// interface status (Ip::Status, Ip6::Status) through reactors; when a subnet
+// comes, the nexthops waiting in it are queued for programming, and when it
+// goes, the nexthops programmed in it are queued for removal and wait again.
+//
 // Watched by each class's nexthop selector, which hears when a nexthop's
 // programmed state changes.
 #pragma once
@@ -19,17 +29,28 @@
 #include <optional>
 #include <string>
 
+#include "framework/Clock.h"
 #include "framework/Entity.h"
 #include "framework/HashMap.h"
 #include "framework/Notifiee.h"
 #include "framework/Ptr.h"
 #include "framework/ValueMap.h"
 #include "nexthop/CommandRunner.h"
+#include "nexthop/PendingNexthopOperation.h"
 #include "nexthop/SubnetAddrCollection.h"
+#include "nexthop/VixIp6IntfStatus.h"
+#include "nexthop/VixIp6Status.h"
+#include "nexthop/VixIpIntfStatus.h"
+#include "nexthop/VixIpStatus.h"
+#include "platform/IntfId.h"
 #include "platform/Ip6Addr.h"
+#include "platform/Ip6AddrWithMask.h"
 #include "platform/Ip6Prefix.h"
+#include "platform/Ip6Status.h"
 #include "platform/IpAddr.h"
+#include "platform/IpAddrWithMask.h"
 #include "platform/IpGenAddr.h"
+#include "platform/IpStatus.h"
 #include "platform/Prefix.h"
 #include "platform/Routing6Trie.h"
 #include "platform/RoutingTrie.h"
@@ -56,7 +77,13 @@ class NexthopTableManager : public Vix::Entity {
     virtual void onProgrammed(const Velnet::IpGenAddr& /*addr*/) {}
   };
 
-  NexthopTableManager();
+  static constexpr double nexthopProgrammingTimeLimitDefault = 0.5;
+
+  // Watches `ipStatus` and `ip6Status` (either may be null) and takes the
+  // activity manager's clock for its programming loop.
+  NexthopTableManager(const Vix::Ptr<const Ip::Status>& ipStatus,
+                      const Vix::Ptr<const Ip6::Status>& ip6Status);
+  ~NexthopTableManager() override;
 
   // Reference counts: how many class selections use a nexthop.
   uint32_t nexthop(const IpGenAddr& addr) const { return nexthop_.value(addr, 0); }
@@ -190,7 +217,115 @@ class NexthopTableManager : public Vix::Entity {
   // REQUIRES: `runner` outlives its installation; null restores system().
   void commandRunnerIs(CommandRunner* runner);
 
+  // -- Deferred programming --------------------------------------------------
+
+  // The work queue: at most one operation per nexthop, the newer wins.
+  PendingNexthopOperation pendingNexthop(const IpGenAddr& addr) const {
+    return pendingNexthop_.value(addr, pendingNone);
+  }
+  void pendingNexthopIs(const IpGenAddr& addr, PendingNexthopOperation op) {
+    pendingNexthop_.valueIs(addr, op);
+  }
+  void pendingNexthopDel(const IpGenAddr& addr) { pendingNexthop_.del(addr); }
+  const Vix::ValueMap<IpGenAddr, PendingNexthopOperation>& pendingNexthops() const {
+    return pendingNexthop_;
+  }
+  const IpGenAddr& pendingNexthopBookmark() const { return pendingNexthopBookmark_; }
+  void pendingNexthopBookmarkIs(const IpGenAddr& addr) { pendingNexthopBookmark_ = addr; }
+  bool codefScheduled() const { return codefScheduled_; }
+  void codefScheduledIs(bool scheduled) { codefScheduled_ = scheduled; }
+
+  // Seconds one run of the loop may take; 0 switches programming off.
+  double nexthopProgrammingTimeLimit() const { return nexthopProgrammingTimeLimit_; }
+  void nexthopProgrammingTimeLimitIs(double limit);
+
+  uint32_t nexthopsAdded() const { return nexthopsAdded_; }
+  void nexthopsAddedInc(uint32_t n) { nexthopsAdded_ += n; }
+  uint32_t nexthopsDeleted() const { return nexthopsDeleted_; }
+  void nexthopsDeletedInc(uint32_t n) { nexthopsDeleted_ += n; }
+  double lastProgrammingTime() const { return lastProgrammingTime_; }
+  void lastProgrammingTimeIs(double t) { lastProgrammingTime_ = t; }
+  double maxProgrammingTime() const { return maxProgrammingTime_; }
+  void maxProgrammingTimeIs(double t) { maxProgrammingTime_ = t; }
+  double totalProgrammingTime() const { return totalProgrammingTime_; }
+  void totalProgrammingTimeInc(double t) { totalProgrammingTime_ += t; }
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+
+  // The clock the loop runs on, and its wake-up time (+infinity: parked).
+  const Vix::Clock* deferredRouteTableClock() const;
+  void deferredRouteTableClockIs(const Vix::Ptr<Vix::Clock>& clock);
+  double deferredRouteTableClockTimeMin() const;
+
+  // Reaction to every change of a nexthop's reference count.
+  void handleNexthop(const IpGenAddr& addr);
+  // Arms the loop when work is queued and a limit is set, parks it otherwise.
+  void handleNexthopProgrammingTimeLimit();
+  // One run of the loop.
+  void handleClock();
+  void handleInitialized();
+
+  // -- Connected-subnet tracking ---------------------------------------------
+
+  // The interface that holds each valid interface address (empty: none).
+  Velnet::IntfId validSubnet(const Velnet::IpAddrWithMask& a) const {
+    return validSubnet_.value(a);
+  }
+  void validSubnetIs(const Velnet::IpAddrWithMask& a, const Velnet::IntfId& intfId);
+  // Removes the entry; the owner it had, or the empty id.
+  Velnet::IntfId validSubnetDel(const Velnet::IpAddrWithMask& a);
+  const Vix::ValueMap<Velnet::IpAddrWithMask, Velnet::IntfId>& validSubnets() const {
+    return validSubnet_;
+  }
+  Velnet::IntfId validSubnet6(const Velnet::Ip6AddrWithMask& a) const {
+    return validSubnet6_.value(a);
+  }
+  void validSubnet6Is(const Velnet::Ip6AddrWithMask& a, const Velnet::IntfId& intfId);
+  Velnet::IntfId validSubnet6Del(const Velnet::Ip6AddrWithMask& a);
+  const Vix::ValueMap<Velnet::Ip6AddrWithMask, Velnet::IntfId>& validSubnets6() const {
+    return validSubnet6_;
+  }
+
+  // Decides whether one interface address is (still) valid.
+  void handleIpIntfAddress(const Velnet::IntfId& intfId, const Velnet::IpAddrWithMask& a,
+                           bool cleanup);
+  void handleIp6IntfAddress(const Velnet::IntfId& intfId, const Velnet::Ip6AddrWithMask& a,
+                            bool cleanup);
+  // Brings the trie and the nexthops in line with validSubnet for `a`.
+  void handleValidSubnet(const Velnet::IpAddrWithMask& a);
+  void handleValidSubnet6(const Velnet::Ip6AddrWithMask& a);
+
+  // The reactors on the platform's interface status.
+  const Vix::Ptr<VixIpStatus>& ipStatus() const { return ipStatus_; }
+  const Vix::Ptr<VixIp6Status>& ip6Status() const { return ip6Status_; }
+  Vix::Ptr<VixIpIntfStatus> ipIntfStatus(const Velnet::IntfId& intfId) const {
+    return ipIntfStatus_.member(intfId);
+  }
+  // Follows `status` with its own reactor (replacing one that followed an
+  // older status of the same interface) and runs its full pass.
+  void ipIntfStatusIs(const Vix::Ptr<const Ip::IpIntfStatus>& status);
+  // Tears the interface's reactor down, withdrawing its addresses.
+  void ipIntfStatusDel(const Velnet::IntfId& intfId);
+  Vix::Ptr<VixIp6IntfStatus> ip6IntfStatus(const Velnet::IntfId& intfId) const {
+    return ip6IntfStatus_.member(intfId);
+  }
+  void ip6IntfStatusIs(const Vix::Ptr<const Ip6::IntfStatus>& status);
+  void ip6IntfStatusDel(const Velnet::IntfId& intfId);
+  // Clean-up pass of a reactor being torn down.
+  void vix_handleIpIntfStatus(VixIpIntfStatus* reactor);
+  void vix_handleIp6IntfStatus(VixIp6IntfStatus* reactor);
+
  private:
+  class DeferredRouteTableClock;
+
+  // One entry of the loop: program or remove `addr` as `op` asks.
+  void programOrRemove(const IpGenAddr& addr, PendingNexthopOperation op,
+                       Vix::ValueMap<IpGenAddr, bool>::Iterator& waiting);
+  void releaseResources(const IpGenAddr& addr);
+  // Queues the first nexthop waiting for resources that is not programmed.
+  void handOnResources(Vix::ValueMap<IpGenAddr, bool>::Iterator& waiting);
+  void pendingNexthopIsAndArm(const IpGenAddr& addr, PendingNexthopOperation op);
+
   std::optional<uint32_t> freeFwmark() const;
   std::optional<uint16_t> freeRouteTable() const;
   std::optional<uint16_t> freeIpRuleIndex() const;
@@ -224,6 +359,31 @@ class NexthopTableManager : public Vix::Entity {
   Vix::ValueMap<Velnet::Ip6Addr, bool> nexthop6WithoutSubnet_;
 
   CommandRunner* commandRunner_;
+
+  Vix::ValueMap<IpGenAddr, PendingNexthopOperation> pendingNexthop_;
+  IpGenAddr pendingNexthopBookmark_;
+  bool codefScheduled_ = false;
+  double nexthopProgrammingTimeLimit_ = nexthopProgrammingTimeLimitDefault;
+  uint32_t nexthopsAdded_ = 0;
+  uint32_t nexthopsDeleted_ = 0;
+  double lastProgrammingTime_ = 0.0;
+  double maxProgrammingTime_ = 0.0;
+  double totalProgrammingTime_ = 0.0;
+  Vix::Ptr<DeferredRouteTableClock> deferredRouteTableClock_;
+  bool initialized_ = false;
+
+  Vix::ValueMap<Velnet::IpAddrWithMask, Velnet::IntfId> validSubnet_;
+  Vix::ValueMap<Velnet::Ip6AddrWithMask, Velnet::IntfId> validSubnet6_;
+  Vix::Ptr<VixIpStatus> ipStatus_;
+  Vix::Ptr<VixIp6Status> ip6Status_;
+  Vix::HashMap<VixIpIntfStatus, Velnet::IntfId> ipIntfStatus_;
+  Vix::HashMap<VixIp6IntfStatus, Velnet::IntfId> ip6IntfStatus_;
+  // Set while the manager is destroyed: reactors torn down then leave the
+  // subnet tables alone.
+  bool tearingDown_ = false;
 };
+
+Vix::Ptr<NexthopTableManager> nexthopTableManagerFactory(
+    const Vix::Ptr<const Ip::Status>& ipStatus, const Vix::Ptr<const Ip6::Status>& ip6Status);
 
 }  // namespace Pbr

@@ -28,7 +28,8 @@ class RoutingTableKernel : public ::testing::Test {
   std::string run(const std::string& command) { return ns_->run(command); }
 
   std::unique_ptr<NetworkNamespace> ns_;
-  Vix::Ptr<Pbr::NexthopTableManager> manager = Vix::make<Pbr::NexthopTableManager>();
+  Vix::Ptr<Pbr::NexthopTableManager> manager =
+      Vix::make<Pbr::NexthopTableManager>(nullptr, nullptr);
 };
 
 TEST_F(RoutingTableKernel, AnIPv4NexthopsRuleAndRouteAppearAndGo) {

@@ -9,9 +9,12 @@
 
 #include "framework/Ptr.h"
 #include "nexthop/NexthopTableManager.h"
+#include "platform/Ip6Status.h"
 #include "platform/IpGenAddr.h"
+#include "platform/IpStatus.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/TraceCapture.h"
+#include "tests/support/VirtualClock.h"
 
 namespace waymark::test {
 
@@ -31,9 +34,21 @@ class NexthopTableManagerTest : public ::testing::Test {
     }
   }
 
+  // Runs the loop until nothing is queued; the number of runs.
+  int runUntilIdle(int maxRuns = 1000) {
+    int runs = 0;
+    while (clock.runDue() > 0 && ++runs < maxRuns) {
+    }
+    return runs;
+  }
+  bool armed() const { return manager->deferredRouteTableClockTimeMin() <= clock.now(); }
+
+  VirtualClock clock;
   TraceCapture traces;
   RecordingCommandRunner runner;
-  Vix::Ptr<Pbr::NexthopTableManager> manager = Vix::make<Pbr::NexthopTableManager>();
+  Vix::Ptr<Ip::Status> ipStatus = Vix::make<Ip::Status>();
+  Vix::Ptr<Ip6::Status> ip6Status = Vix::make<Ip6::Status>();
+  Vix::Ptr<Pbr::NexthopTableManager> manager = Pbr::nexthopTableManagerFactory(ipStatus, ip6Status);
 };
 
 }  // namespace waymark::test

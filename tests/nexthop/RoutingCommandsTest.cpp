@@ -175,7 +175,7 @@ TEST_F(RoutingCommands, ReferenceCountsWrapLikeUnsignedAddition) {
 
 TEST(RoutingCommandsDeathTest, ProgrammingAProgrammedNexthopWithoutForceAborts) {
   RecordingCommandRunner runner;
-  const auto manager = Vix::make<Pbr::NexthopTableManager>();
+  const auto manager = Vix::make<Pbr::NexthopTableManager>(nullptr, nullptr);
   manager->commandRunnerIs(&runner);
   manager->programmedIs(addr("192.0.2.1"), true);
   EXPECT_DEATH(manager->createRoutingTable(addr("192.0.2.1"), false),

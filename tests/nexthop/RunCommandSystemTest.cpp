@@ -35,7 +35,8 @@ class RunCommandThroughTheShell : public ::testing::Test {
   }
 
   TraceCapture traces;
-  Vix::Ptr<Pbr::NexthopTableManager> manager = Vix::make<Pbr::NexthopTableManager>();
+  Vix::Ptr<Pbr::NexthopTableManager> manager =
+      Vix::make<Pbr::NexthopTableManager>(nullptr, nullptr);
 
  private:
   std::string savedPath_;
