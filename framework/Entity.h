@@ -26,9 +26,8 @@ class Entity : public HashMapMember {
   uint32_t notifiees() const;
 
  protected:
-  // Calls `f` with each registered notifiee, as its type N, whose
-  // notifications are active. Notifiees registered during the call are not
-  // called this time.
+  // Calls `f` with each registered notifiee of type N whose notifications are
+  // active. Notifiees registered during the call are not called this time.
   template <class N, class F>
   void notify(F&& f) const {
     if (notifiees_.empty()) return;
@@ -36,7 +35,10 @@ class Entity : public HashMapMember {
     const size_t n = notifiees_.size();
     for (size_t i = 0; i < n; ++i) {
       NotifieeBase* r = notifiees_[i];
-      if (r != nullptr && deliverable(r)) f(static_cast<N&>(*r));
+      if (r == nullptr || !deliverable(r)) continue;
+      // An entity derived from another may carry notifiees of both types;
+      // each hears only its own callbacks.
+      if (N* n = dynamic_cast<N*>(r)) f(*n);
     }
   }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -59,6 +60,12 @@ struct Hash<K, std::enable_if_t<std::is_integral_v<K> || std::is_enum_v<K>>> {
     const auto v = static_cast<uint64_t>(k);
     return static_cast<uint32_t>(((v ^ (v >> 32)) * 0x9e3779b97f4a7c15ull) >> 32);
   }
+};
+
+template <>
+struct Hash<std::string> {
+  uint32_t operator()(const std::string& k) const { return fnv1a32(k); }
+  static uint32_t position(const std::string& k) { return bitReverse(fnv1a32(k)); }
 };
 
 }  // namespace Vix

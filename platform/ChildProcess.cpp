@@ -1,0 +1,157 @@
+#include "platform/ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace Platform {
+
+namespace {
+
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(Fd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
+  Fd& operator=(Fd&& o) noexcept {
+    reset();
+    fd_ = std::exchange(o.fd_, -1);
+    return *this;
+  }
+  ~Fd() { reset(); }
+  int get() const { return fd_; }
+  void reset() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+struct Pipe {
+  Fd read;
+  Fd write;
+  bool open() {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return false;
+    read = Fd(fds[0]);
+    write = Fd(fds[1]);
+    return true;
+  }
+};
+
+// Kills and reaps the child unless it was reaped already.
+class Child {
+ public:
+  explicit Child(pid_t pid) : pid_(pid) {}
+  ~Child() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  // Waits for the child; its wait status.
+  int wait() {
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    return status;
+  }
+  void kill9() const { kill(pid_, SIGKILL); }
+
+ private:
+  pid_t pid_;
+};
+
+double monotonicNow() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+}  // namespace
+
+std::string ChildResult::describe(double timeLimit) const {
+  if (!started) return "could not be started";
+  if (timedOut) return "timed out after " + std::to_string(static_cast<int>(timeLimit)) + " s";
+  if (signal != 0) return "killed by signal " + std::to_string(signal);
+  return "exit code " + std::to_string(exitCode);
+}
+
+ChildResult ChildProcess::run(const std::vector<std::string>& argv, const std::string& input,
+                              double timeLimitSeconds) {
+  ChildResult result;
+  Pipe in;
+  Pipe out;
+  if (argv.empty() || !in.open() || !out.open()) return result;
+
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+
+  const pid_t pid = fork();
+  if (pid < 0) return result;
+  if (pid == 0) {
+    dup2(in.read.get(), STDIN_FILENO);
+    dup2(out.write.get(), STDOUT_FILENO);
+    dup2(out.write.get(), STDERR_FILENO);
+    signal(SIGPIPE, SIG_DFL);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  Child child(pid);
+  in.read.reset();
+  out.write.reset();
+  fcntl(in.write.get(), F_SETFL, O_NONBLOCK);
+
+  // Writing and reading together: a child that prints much before it has read
+  // all its input must not deadlock against us.
+  const double deadline = monotonicNow() + timeLimitSeconds;
+  size_t written = 0;
+  if (input.empty()) in.write.reset();
+  char buffer[4096];
+  while (out.read.get() >= 0) {
+    const double left = deadline - monotonicNow();
+    if (left <= 0) {
+      child.kill9();
+      result.timedOut = true;
+      break;
+    }
+    pollfd fds[2] = {{out.read.get(), POLLIN, 0}, {in.write.get(), POLLOUT, 0}};
+    const nfds_t n = in.write.get() >= 0 ? 2 : 1;
+    if (poll(fds, n, static_cast<int>(left * 1000) + 1) < 0 && errno != EINTR) break;
+    if (n == 2 && (fds[1].revents & (POLLOUT | POLLERR | POLLHUP)) != 0) {
+      const ssize_t w = write(in.write.get(), input.data() + written, input.size() - written);
+      if (w > 0) written += static_cast<size_t>(w);
+      if (w < 0 && errno != EAGAIN && errno != EINTR) written = input.size();
+      if (written == input.size()) in.write.reset();
+    }
+    if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+      const ssize_t r = read(out.read.get(), buffer, sizeof buffer);
+      if (r > 0) {
+        result.output.append(buffer, static_cast<size_t>(r));
+      } else if (r == 0 || (errno != EINTR && errno != EAGAIN)) {
+        out.read.reset();
+      }
+    }
+  }
+  in.write.reset();
+  const int status = child.wait();
+  if (WIFEXITED(status)) {
+    result.exitCode = WEXITSTATUS(status);
+    result.started = result.exitCode != 127 || !result.output.empty();
+  } else if (WIFSIGNALED(status)) {
+    result.started = true;
+    if (!result.timedOut) result.signal = WTERMSIG(status);
+  }
+  return result;
+}
+
+}  // namespace Platform

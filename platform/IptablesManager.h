@@ -1,0 +1,86 @@
+// AclUtils::IptablesManager: the iptables side's access to the kernel for
+// one address family. It renders an access-list rule into iptables match
+// options (doGetRuleMatch) and writes iptables-restore text (a batch framed
+// by "*mangle" and "COMMIT") without flushing the table: the text's own "-F"
+// lines do the flushing. Every batch's outcome is kept for the status:
+// batches written, batches failed, and the last error with the line the
+// kernel refused. Only the VRF "default" is served.
+//
+// Writing goes through the IptablesWriter seam: the real writer runs
+// iptables-restore / ip6tables-restore; tests record, the daemon's dry run
+// prints.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "framework/Entity.h"
+#include "platform/AclRuleConfig.h"
+#include "platform/VrfName.h"
+
+namespace Acl {
+// 0 IPv4, 1 IPv6, 2 any other family (its writes are refused).
+enum AclType : uint8_t { aclTypeIpv4 = 0, aclTypeIpv6 = 1, aclTypeOther = 2 };
+}  // namespace Acl
+
+namespace AclUtils {
+
+// What doGetRuleMatch renders: 0 is the match options alone.
+enum RuleMatchTarget : uint8_t { ruleMatchOnly = 0 };
+
+struct IptablesWriteResult {
+  bool ok = true;
+  std::string error;  // what the tool said, when it failed
+};
+
+class IptablesWriter {
+ public:
+  virtual ~IptablesWriter() = default;
+  virtual IptablesWriteResult write(Acl::AclType type, const std::string& text) = 0;
+};
+
+// Pipes each batch into `iptables-restore --noflush -w` (IPv4) or
+// `ip6tables-restore --noflush -w` (IPv6) and waits for it, at most
+// `timeLimit` seconds.
+class RestoreIptablesWriter : public IptablesWriter {
+ public:
+  explicit RestoreIptablesWriter(double timeLimit = 30.0) : timeLimit_(timeLimit) {}
+  IptablesWriteResult write(Acl::AclType type, const std::string& text) override;
+
+ private:
+  double timeLimit_;
+};
+
+class IptablesManager : public Vix::Entity {
+ public:
+  // REQUIRES: `writer` outlives the manager.
+  IptablesManager(Acl::AclType type, IptablesWriter* writer) : type_(type), writer_(writer) {}
+
+  Acl::AclType type() const { return type_; }
+
+  // The rule's match options: "-p tcp -s 10.0.0.0/8 -m tcp --dport 80", the
+  // sub-rule's TCP flags as "--tcp-flags F F", several ports through
+  // multiport; "" for a rule that matches everything.
+  std::string doGetRuleMatch(const Acl::AclRuleConfig& rule, RuleMatchTarget target) const;
+
+  void writeIptablesRules(const std::string& text, const Ip::VrfName& vrf);
+
+  uint32_t batchesWritten() const { return batchesWritten_; }
+  uint32_t batchesFailed() const { return batchesFailed_; }
+  const std::string& lastError() const { return lastError_; }
+
+ private:
+  void failed(const std::string& error, const std::string& text);
+
+  const Acl::AclType type_;
+  IptablesWriter* writer_;
+  uint32_t batchesWritten_ = 0;
+  uint32_t batchesFailed_ = 0;
+  std::string lastError_;
+};
+
+// The Linux device of an interface; waymark names interfaces by their
+// device names, so this is the name itself.
+inline std::string intfDeviceName(const std::string& name) { return name; }
+
+}  // namespace AclUtils
