@@ -78,7 +78,12 @@ class LinkQueue {
       if (m->vixIndex_ == index) return;
       release(unlink(m));
     }
-    if (Member* occupant = find(index)) release(unlink(occupant));
+    // Past the tail nothing can occupy the index: the ordinary enqueue costs
+    // no search.
+    const bool pastTail = tail_ == nullptr || index > tail_->vixIndex_;
+    if (!pastTail) {
+      if (Member* occupant = find(index)) release(unlink(occupant));
+    }
     m->referenceInc();
     m->queued_ = true;
     m->vixIndex_ = index;
