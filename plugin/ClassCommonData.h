@@ -1,8 +1,8 @@
 // Pbr::ClassCommonData: the plug-in's data for one class of a policy: the
-// nexthop its rules mark for (nexthopValue, unset when there is none) and
-// whether it only lets traffic pass (passthroughConfigured). The iptables side
-// reads both when it writes the class's rules; the class's nexthop selector
-// keeps nexthopValue current.
+// nexthop its rules mark for (nexthopValue, unset when there is none),
+// whether it only lets traffic pass (passthroughConfigured), and the class's
+// nexthop selector (masterNexthopSm), which keeps nexthopValue current. The
+// iptables side reads both values when it writes the class's rules.
 #pragma once
 
 #include <string>
@@ -13,6 +13,7 @@
 #include "platform/ClassMapSmCommonData.h"
 #include "platform/ClassMapSubConfig.h"
 #include "platform/IpGenAddr.h"
+#include "plugin/MasterNexthopSm.h"
 
 namespace Pbr {
 
@@ -36,6 +37,16 @@ class ClassCommonData : public PolicyMap::ClassMapSmCommonData {
     notify<NotifieeConst>([](NotifieeConst& n) { n.onNexthopValue(); });
   }
 
+  const Vix::Ptr<MasterNexthopSm>& masterNexthopSm() const { return masterNexthopSm_; }
+  // Builds the selector for this class.
+  const Vix::Ptr<MasterNexthopSm>& masterNexthopSmIs(
+      const Vix::Ptr<NexthopTableManager>& nexthopTableManager) {
+    masterNexthopSm_ = Vix::make<MasterNexthopSm>(this, nexthopTableManager);
+    return masterNexthopSm_;
+  }
+  // Removes the selector and hands it back.
+  Vix::Ptr<MasterNexthopSm> masterNexthopSmDel() { return std::move(masterNexthopSm_); }
+
   bool passthroughConfigured() const { return passthroughConfigured_; }
   void passthroughConfiguredIs(bool passthrough) {
     if (passthrough == passthroughConfigured_) return;
@@ -46,6 +57,7 @@ class ClassCommonData : public PolicyMap::ClassMapSmCommonData {
  private:
   Velnet::IpGenAddr nexthopValue_;
   bool passthroughConfigured_ = false;
+  Vix::Ptr<MasterNexthopSm> masterNexthopSm_;
 };
 
 }  // namespace Pbr

@@ -1,0 +1,145 @@
+// The whole plug-in as the agent runs it: a state database holding the
+// configuration and interface status, the plug-in created by its factory and
+// initialised with a context whose `ip` runner and iptables writer record,
+// all on virtual time. Helpers read like an operator's configuration.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/AclRuleParser.h"
+#include "platform/Cell.h"
+#include "platform/PlatformEntities.h"
+#include "plugin/AclPlugin.h"
+#include "plugin/ClassCommonData.h"
+#include "tests/support/RecordingCommandRunner.h"
+#include "tests/support/RecordingIptablesWriter.h"
+#include "tests/support/TraceCapture.h"
+#include "tests/support/VirtualClock.h"
+
+namespace waymark::test {
+
+// One class of a policy: its nexthops, or a passthrough when there are none.
+struct ClassSpec {
+  std::string name;
+  std::vector<std::string> nexthops;
+};
+
+class PbrSystemTest : public ::testing::Test {
+ public:
+  PbrSystemTest() {
+    store->entityIs("pbr/config", "Pbr::Config", pbrConfig);
+    store->entityIs("pbr/statusRequest", "PolicyMap::PolicyMapStatusRequestDir",
+                    Vix::make<PolicyMap::PolicyMapStatusRequestDir>());
+    store->entityIs(Vix::format("cell/%d/pbr/status/iptables", static_cast<int>(Cell::cellId())),
+                    "PolicyMap::PolicyMapTypeStatus", status);
+    store->entityIs("acl/config", "Acl::Config", aclConfig);
+    store->entityIs("lag/input/config/cli", "Lag::Input::Config", Vix::make<Lag::Input::Config>());
+    store->entityIs("ip/status", "Ip::Status", ipStatus);
+    store->entityIs("ip6/status", "Ip6::Status", ip6Status);
+    store->entityIs("routing/routingInfo/status", "Routing::RoutingInfo",
+                    Vix::make<Routing::RoutingInfo>());
+    store->entityIs("routing6/routingInfo/status", "Routing6::RoutingInfo",
+                    Vix::make<Routing6::RoutingInfo>());
+  }
+  ~PbrSystemTest() override { Pbr::testMode = false; }
+  void TestBody() override {}
+
+  // Starts the plug-in over what is configured so far.
+  void start(Pbr::CommandRunner* commandRunner = nullptr,
+             AclUtils::IptablesWriter* iptablesWriter = nullptr) {
+    plugin = Pbr::aclPluginFactory("waymark");
+    plugin->init(Vix::make<Acl::PluginContext>(store, commandRunner ? commandRunner : &runner,
+                                               iptablesWriter ? iptablesWriter : &writer));
+  }
+
+  void accessList(const std::string& name, const std::vector<std::string>& rules,
+                  bool ipv6 = false) {
+    auto list = Vix::make<Acl::AccessList>(name, ipv6);
+    Acl::AccessList::Rules parsed;
+    uint32_t seq = 0;
+    for (const auto& text : rules) {
+      auto rule = Acl::AclRuleParser::parse(text, ipv6);
+      seq = rule.seqNo != 0 ? rule.seqNo : seq + 10;
+      rule.seqNo = seq;
+      parsed.emplace(seq, rule);
+    }
+    list->rulesIs(parsed);
+    aclConfig->accessListIs(list);
+  }
+  void classMap(const std::string& name, const std::vector<std::string>& lists) {
+    pbrConfig->classMapTypeConfig()->classMapIs(
+        Vix::make<PolicyMap::ClassMapSubConfig>(name, lists));
+  }
+  void policy(const std::string& name, const std::vector<ClassSpec>& classes) {
+    std::vector<Vix::Ptr<PolicyMap::ClassMapConfig>> configs;
+    for (const auto& c : classes) {
+      auto action = Vix::make<PolicyMap::ClassAction>();
+      std::vector<Velnet::IpGenAddr> nexthops;
+      for (const auto& nh : c.nexthops) nexthops.push_back(Velnet::IpGenAddr::parse(nh));
+      const uint8_t kind = nexthops.empty() ? PolicyMap::pbrFwdNone : PolicyMap::pbrFwdNexthops;
+      action->actionIs(Vix::make<PolicyMap::Action>(PolicyMap::actionPbrFwd, kind,
+                                                    Vix::make<Pbr::PbrFwdAction>(nexthops)));
+      configs.push_back(Vix::make<PolicyMap::ClassMapConfig>(c.name, action));
+    }
+    pbrConfig->policyMapTypeConfig()->policyMapIs(
+        Vix::make<PolicyMap::PolicyMapConfig>(name, configs));
+  }
+  void apply(const std::string& intf, const std::string& policyName) {
+    pbrConfig->policyMapTypeConfig()->intfIs(Velnet::IntfId(intf), policyName);
+  }
+  // Gives `intf` its primary IPv4 address, or takes it away ("").
+  void address(const std::string& intf, const std::string& addrWithMask) {
+    ipStatus->ipIntfStatusIs(Velnet::IntfId(intf))
+        ->activeAddrWithMaskIs(addrWithMask.empty() ? Velnet::IpAddrWithMask()
+                                                    : Velnet::IpAddrWithMask::parse(addrWithMask));
+  }
+  void address6(const std::string& intf, const std::string& addrWithMask) {
+    const auto a = Velnet::Ip6AddrWithMask::parse(addrWithMask);
+    ip6Status->intfIs(Velnet::IntfId(intf))->addrIs(a, {a, 0});
+  }
+
+  // Runs every clock until nothing is due: the kernel work is all done.
+  void settle() {
+    for (int pass = 0; pass < 1000 && clock.runDue() > 0; ++pass) {
+    }
+  }
+  // The family's iptables lines written since the last call.
+  std::vector<std::string> lines(Acl::AclType type = Acl::aclTypeIpv4) {
+    auto out = writer.lines(type);
+    std::erase_if(writer.batches, [&](const auto& b) { return b.type == type; });
+    return out;
+  }
+  Vix::Ptr<Pbr::ClassCommonData> classData(const std::string& policyName,
+                                           const std::string& className) const {
+    const auto sm = plugin->pbrAclPluginSm()->policyMapSm(policyName);
+    if (!sm) return nullptr;
+    for (const auto& c : sm->classes()) {
+      if (c->name() == className) return Vix::ptrCast<Pbr::ClassCommonData>(c->commonData());
+    }
+    return nullptr;
+  }
+  std::string chain(const std::string& policyName,
+                    PolicyMap::ClassMapMatchOption option = PolicyMap::matchIpv4) const {
+    const auto typeData = plugin->aclHelper()->aclTypeData(option);
+    const auto acl = typeData ? typeData->acl(PolicyMap::PolicyMapSmKey(policyName)) : nullptr;
+    return acl ? acl->chainName() : "";
+  }
+  const Pbr::NexthopTableManager& manager() const { return *plugin->nexthopTableManager(); }
+
+  VirtualClock clock;
+  TraceCapture traces;
+  RecordingCommandRunner runner;
+  RecordingIptablesWriter writer;
+  Vix::Ptr<Stordb::EntityManager> store = Vix::make<Stordb::EntityManager>();
+  Vix::Ptr<Pbr::Config> pbrConfig = Vix::make<Pbr::Config>();
+  Vix::Ptr<Acl::Config> aclConfig = Vix::make<Acl::Config>();
+  Vix::Ptr<PolicyMap::PolicyMapTypeStatus> status = Vix::make<PolicyMap::PolicyMapTypeStatus>();
+  Vix::Ptr<Ip::Status> ipStatus = Vix::make<Ip::Status>();
+  Vix::Ptr<Ip6::Status> ip6Status = Vix::make<Ip6::Status>();
+  Vix::Ptr<Pbr::AclPlugin> plugin;
+};
+
+}  // namespace waymark::test
