@@ -47,12 +47,16 @@ class PbrSystemTest : public ::testing::Test {
   ~PbrSystemTest() override { Pbr::testMode = false; }
   void TestBody() override {}
 
-  // Starts the plug-in over what is configured so far.
-  void start(Pbr::CommandRunner* commandRunner = nullptr,
-             AclUtils::IptablesWriter* iptablesWriter = nullptr) {
+  // Starts the plug-in over what is configured so far, recording what it
+  // would do to the kernel.
+  void start() {
     plugin = Pbr::aclPluginFactory("waymark");
-    plugin->init(Vix::make<Acl::PluginContext>(store, commandRunner ? commandRunner : &runner,
-                                               iptablesWriter ? iptablesWriter : &writer));
+    plugin->init(Vix::make<Acl::PluginContext>(store, &runner, &writer));
+  }
+  // Starts it with the real `ip` and iptables-restore.
+  void startOnTheKernel() {
+    plugin = Pbr::aclPluginFactory("waymark");
+    plugin->init(Vix::make<Acl::PluginContext>(store));
   }
 
   void accessList(const std::string& name, const std::vector<std::string>& rules,
