@@ -115,5 +115,45 @@ TEST_F(PluginKernel, APolicyComesUpFailsOverAndBackAndGoes) {
   EXPECT_TRUE(read("ip -6 rule", "fwmark").empty());
 }
 
+TEST_F(PluginKernel, AWaitingNexthopASharedNexthopAndAPassthroughSwitch) {
+  PbrSystemTest& w = *w_;
+  w.accessList("web", {"10 permit tcp any any eq 80"});
+  w.classMap("web", {"web"});
+  w.address("wm2", "198.51.100.254/24");
+  // 192.0.2.1 lies in no connected subnet yet (wm0's address is not known).
+  w.policy("edge", {{"web", {"192.0.2.1"}}});
+  w.apply("wm1", "edge");
+  w.startOnTheKernel();
+  w.settle();
+  const std::string c4 = w.chain("edge");
+  EXPECT_EQ(read("iptables -t mangle -S " + c4, "-A"),
+            (Lines{"-A " + c4 + " -p tcp -m tcp --dport 80",
+                   "-A " + c4 + " -p tcp -m tcp --dport 80 -j ACCEPT"}));
+  EXPECT_TRUE(read("ip rule", "fwmark").empty());
+
+  w.address("wm0", "192.0.2.254/24");
+  w.settle();
+  EXPECT_EQ(read("iptables -t mangle -S " + c4, "MARK").size(), 1u);
+  const Lines rulesBefore = read("ip rule", "fwmark");
+  ASSERT_EQ(rulesBefore.size(), 1u);
+
+  // A new list that keeps 192.0.2.1: its rule and route are never touched.
+  w.policy("edge", {{"web", {"192.0.2.1", "198.51.100.1"}}});
+  w.settle();
+  Lines rulesAfter = read("ip rule", "fwmark");
+  ASSERT_EQ(rulesAfter.size(), 2u);
+  EXPECT_EQ(rulesAfter[0], rulesBefore[0]);
+  EXPECT_EQ(read("iptables -t mangle -S " + c4, "MARK"),
+            (Lines{"-A " + c4 + " -p tcp -m tcp --dport 80 -j MARK --set-xmark " +
+                   hexMark("192.0.2.1") + "/0xffffffff"}));
+
+  // The class becomes a passthrough: no mark, no rules, no routes in use.
+  w.policy("edge", {{"web", {}}});
+  w.settle();
+  EXPECT_TRUE(read("iptables -t mangle -S " + c4, "MARK").empty());
+  EXPECT_EQ(read("iptables -t mangle -S " + c4, "-A").size(), 2u);
+  EXPECT_TRUE(read("ip rule", "fwmark").empty());
+}
+
 }  // namespace
 }  // namespace waymark::test
