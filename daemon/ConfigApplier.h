@@ -1,0 +1,33 @@
+// Applies a configuration to the mounted configuration entities as a
+// difference from the one applied before, so that only what changed
+// notifies, and only what changed is reprogrammed: an unchanged policy is not
+// touched in the kernel; a changed nexthop list only rewrites its class.
+//
+// New and changed access lists and class maps go in before the policies that
+// use them, policies before the interfaces that apply them; removals go the
+// other way round.
+#pragma once
+
+#include "daemon/ConfigModel.h"
+#include "framework/Ptr.h"
+#include "platform/AclConfig.h"
+#include "platform/PolicyMapTypeConfig.h"
+
+namespace Waymark {
+
+class ConfigApplier {
+ public:
+  ConfigApplier(const Vix::Ptr<Pbr::Config>& pbrConfig, const Vix::Ptr<Acl::Config>& aclConfig)
+      : pbrConfig_(pbrConfig), aclConfig_(aclConfig) {}
+
+  // Makes the entities say what `model` says.
+  void apply(const ConfigModel& model);
+  const ConfigModel& applied() const { return applied_; }
+
+ private:
+  const Vix::Ptr<Pbr::Config> pbrConfig_;
+  const Vix::Ptr<Acl::Config> aclConfig_;
+  ConfigModel applied_;
+};
+
+}  // namespace Waymark

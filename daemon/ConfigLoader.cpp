@@ -1,0 +1,284 @@
+#include "daemon/ConfigLoader.h"
+
+#include <yaml-cpp/yaml.h>
+
+#include <cmath>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "framework/Errors.h"
+#include "framework/String.h"
+#include "platform/AclRuleParser.h"
+
+namespace Waymark {
+
+namespace {
+
+class Reader {
+ public:
+  explicit Reader(std::string file) : file_(std::move(file)) {}
+
+  [[noreturn]] void fail(const YAML::Node& at, const std::string& why) const {
+    const YAML::Mark m = at.Mark();
+    throw ConfigError(file_ + ":" + std::to_string(m.line + 1) + ":" +
+                      std::to_string(m.column + 1) + ": " + why);
+  }
+
+  std::string scalar(const YAML::Node& n, const std::string& what) const {
+    if (!n.IsScalar()) fail(n, what + " must be a single value");
+    return n.Scalar();
+  }
+  void requireMap(const YAML::Node& n, const std::string& what) const {
+    if (!n.IsMap()) fail(n, what + " must be a mapping of keys to values");
+  }
+  void requireSequence(const YAML::Node& n, const std::string& what) const {
+    if (!n.IsSequence()) fail(n, what + " must be a list");
+  }
+  // The map's entries, refusing duplicate and unknown keys.
+  std::vector<std::pair<YAML::Node, YAML::Node>> entries(const YAML::Node& map,
+                                                         const std::string& what,
+                                                         const std::set<std::string>& known = {}) {
+    requireMap(map, what);
+    std::vector<std::pair<YAML::Node, YAML::Node>> out;
+    std::set<std::string> seen;
+    for (auto it = map.begin(); it != map.end(); ++it) {
+      const std::string key = scalar(it->first, "a key of " + what);
+      if (!seen.insert(key).second) fail(it->first, "duplicate key " + Vix::quoted(key));
+      if (!known.empty() && known.count(key) == 0) {
+        fail(it->first, "unknown key " + Vix::quoted(key) + " in " + what);
+      }
+      out.emplace_back(it->first, it->second);
+    }
+    return out;
+  }
+  std::string name(const YAML::Node& n, const std::string& what) const {
+    const std::string value = scalar(n, what);
+    if (!ConfigLoader::validName(value)) {
+      fail(n, "invalid " + what + " " + Vix::quoted(value) +
+                  " (1 to 64 letters, digits, '_', '.', ':' or '-', not starting with '-')");
+    }
+    return value;
+  }
+  bool boolean(const YAML::Node& n, const std::string& what) const {
+    const std::string v = scalar(n, what);
+    if (v == "true") return true;
+    if (v == "false") return false;
+    fail(n, what + " must be true or false, not " + Vix::quoted(v));
+  }
+  double seconds(const YAML::Node& n, const std::string& what) const {
+    const std::string v = scalar(n, what);
+    char* end = nullptr;
+    const double d = std::strtod(v.c_str(), &end);
+    if (v.empty() || *end != '\0' || !std::isfinite(d) || d < 0 || d > 3600) {
+      fail(n, what + " must be a number of seconds from 0 to 3600, not " + Vix::quoted(v));
+    }
+    return d;
+  }
+  uint32_t count(const YAML::Node& n, const std::string& what, uint32_t low, uint32_t high) const {
+    const std::string v = scalar(n, what);
+    char* end = nullptr;
+    const unsigned long c = std::strtoul(v.c_str(), &end, 10);
+    if (v.empty() || *end != '\0' || v[0] == '-' || c < low || c > high) {
+      fail(n, what + " must be a whole number from " + std::to_string(low) + " to " +
+                  std::to_string(high) + ", not " + Vix::quoted(v));
+    }
+    return static_cast<uint32_t>(c);
+  }
+
+ private:
+  std::string file_;
+};
+
+void readTunables(Reader& r, const YAML::Node& node, Tunables& t) {
+  for (const auto& [key, value] :
+       r.entries(node, "tunables",
+                 {"nexthop-programming-time-limit", "rules-per-invocation",
+                  "rule-programming-time-limit"})) {
+    const std::string k = key.Scalar();
+    if (k == "nexthop-programming-time-limit") t.nexthopProgrammingTimeLimit = r.seconds(value, k);
+    if (k == "rule-programming-time-limit") t.ruleProgrammingTimeLimit = r.seconds(value, k);
+    if (k == "rules-per-invocation") t.rulesPerInvocation = r.count(value, k, 1, 100000);
+  }
+}
+
+AccessListSpec readAccessList(Reader& r, const std::string& listName, const YAML::Node& node) {
+  AccessListSpec list;
+  YAML::Node rules = node;
+  if (node.IsMap()) {
+    for (const auto& [key, value] : r.entries(node, "access list " + listName, {"ipv6", "rules"})) {
+      if (key.Scalar() == "ipv6") list.ipv6 = r.boolean(value, "ipv6");
+      if (key.Scalar() == "rules") rules = value;
+    }
+    if (rules.IsMap()) r.fail(node, "access list " + Vix::quoted(listName) + " has no rules");
+  }
+  r.requireSequence(rules, "the rules of access list " + Vix::quoted(listName));
+  uint32_t last = 0;
+  for (const auto& ruleNode : rules) {
+    const std::string text = r.scalar(ruleNode, "an access-list rule");
+    Acl::AclRuleConfig rule;
+    try {
+      rule = Acl::AclRuleParser::parse(text, list.ipv6);
+    } catch (const Vix::ParseError& e) {
+      r.fail(ruleNode, std::string(e.what()) + " in rule " + Vix::quoted(text));
+    }
+    if (rule.seqNo == 0) {
+      if (last > 0xffffffffu - 10) r.fail(ruleNode, "no sequence number left for this rule");
+      rule.seqNo = last + 10;
+    }
+    if (list.rules.count(rule.seqNo) != 0) {
+      r.fail(ruleNode, "sequence number " + std::to_string(rule.seqNo) + " used twice in " +
+                           Vix::quoted(listName));
+    }
+    last = std::max(last, rule.seqNo);
+    list.rules.emplace(rule.seqNo, rule);
+  }
+  return list;
+}
+
+PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YAML::Node& node) {
+  PolicyClassSpec spec;
+  int targets = 0;
+  YAML::Node classNode;
+  for (const auto& [key, value] :
+       r.entries(node, "a class of a policy map",
+                 {"class", "nexthops", "nexthop-group", "passthrough"})) {
+    const std::string k = key.Scalar();
+    if (k == "class") {
+      spec.className = r.name(value, "class name");
+      classNode = value;
+    } else if (k == "nexthops") {
+      ++targets;
+      r.requireSequence(value, "nexthops");
+      if (value.size() == 0) r.fail(value, "nexthops must name at least one address");
+      for (const auto& nh : value) {
+        const std::string text = r.scalar(nh, "a nexthop");
+        const auto addr = Velnet::IpGenAddr::tryParse(text);
+        if (!addr) r.fail(nh, "invalid nexthop address " + Vix::quoted(text));
+        if (std::find(spec.nexthops.begin(), spec.nexthops.end(), *addr) != spec.nexthops.end()) {
+          r.fail(nh, "nexthop " + Vix::quoted(text) + " listed twice");
+        }
+        spec.nexthops.push_back(*addr);
+      }
+    } else if (k == "nexthop-group") {
+      ++targets;
+      spec.nexthopGroup = r.name(value, "nexthop group name");
+    } else {
+      ++targets;
+      spec.passthrough = r.boolean(value, "passthrough");
+      if (!spec.passthrough) r.fail(value, "passthrough can only be true (leave it out instead)");
+    }
+  }
+  if (spec.className.empty()) r.fail(node, "a class of a policy map needs 'class'");
+  if (model.classMaps.count(spec.className) == 0) {
+    r.fail(classNode, "unknown class " + Vix::quoted(spec.className) + " (not in class-maps)");
+  }
+  if (targets != 1) {
+    r.fail(node, "class " + Vix::quoted(spec.className) +
+                     " needs exactly one of nexthops, nexthop-group or passthrough");
+  }
+  return spec;
+}
+
+ConfigModel readModel(Reader& r, const YAML::Node& root) {
+  ConfigModel model;
+  if (root.IsNull()) return model;
+  const auto top =
+      r.entries(root, "the configuration",
+                {"tunables", "access-lists", "class-maps", "policy-maps", "interfaces"});
+  auto section = [&](const char* name) {
+    for (const auto& [key, value] : top) {
+      if (key.Scalar() == name) return value;
+    }
+    return YAML::Node();
+  };
+  if (const auto t = section("tunables"); t && !t.IsNull()) readTunables(r, t, model.tunables);
+  if (const auto lists = section("access-lists"); lists && !lists.IsNull()) {
+    for (const auto& [key, value] : r.entries(lists, "access-lists")) {
+      const std::string n = r.name(key, "access-list name");
+      model.accessLists.emplace(n, readAccessList(r, n, value));
+    }
+  }
+  if (const auto classes = section("class-maps"); classes && !classes.IsNull()) {
+    for (const auto& [key, value] : r.entries(classes, "class-maps")) {
+      const std::string n = r.name(key, "class name");
+      r.requireSequence(value, "the access lists of class " + Vix::quoted(n));
+      std::vector<std::string> lists;
+      for (const auto& list : value) {
+        const std::string l = r.name(list, "access-list name");
+        if (model.accessLists.count(l) == 0) {
+          r.fail(list, "unknown access list " + Vix::quoted(l) + " in class " + Vix::quoted(n));
+        }
+        lists.push_back(l);
+      }
+      model.classMaps.emplace(n, lists);
+    }
+  }
+  if (const auto policies = section("policy-maps"); policies && !policies.IsNull()) {
+    for (const auto& [key, value] : r.entries(policies, "policy-maps")) {
+      const std::string n = r.name(key, "policy name");
+      r.requireSequence(value, "the classes of policy " + Vix::quoted(n));
+      std::vector<PolicyClassSpec> classes;
+      std::set<std::string> seen;
+      for (const auto& c : value) {
+        auto spec = readPolicyClass(r, model, c);
+        if (!seen.insert(spec.className).second) {
+          r.fail(c, "class " + Vix::quoted(spec.className) + " used twice in policy " +
+                        Vix::quoted(n));
+        }
+        classes.push_back(std::move(spec));
+      }
+      model.policyMaps.emplace_back(n, std::move(classes));
+    }
+  }
+  if (const auto intfs = section("interfaces"); intfs && !intfs.IsNull()) {
+    for (const auto& [key, value] : r.entries(intfs, "interfaces")) {
+      const std::string intf = r.scalar(key, "interface name");
+      if (!Velnet::IntfId::validName(intf)) {
+        r.fail(key, "invalid interface name " + Vix::quoted(intf) +
+                        " (1 to 15 letters, digits, '_', '.' or '-', not starting with '-')");
+      }
+      const std::string policy = r.name(value, "policy name");
+      if (!model.policyMap(policy)) {
+        r.fail(value,
+               "unknown policy " + Vix::quoted(policy) + " for interface " + Vix::quoted(intf));
+      }
+      model.interfaces.emplace(Velnet::IntfId(intf), policy);
+    }
+  }
+  return model;
+}
+
+}  // namespace
+
+bool ConfigLoader::validName(const std::string& name) {
+  if (name.empty() || name.size() > 64 || name[0] == '-') return false;
+  for (const char c : name) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '_' || c == '.' || c == ':' || c == '-';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+ConfigModel ConfigLoader::loadString(const std::string& text, const std::string& name) {
+  Reader r(name);
+  YAML::Node root;
+  try {
+    root = YAML::Load(text);
+  } catch (const YAML::Exception& e) {
+    throw ConfigError(name + ":" + std::to_string(e.mark.line + 1) + ":" +
+                      std::to_string(e.mark.column + 1) + ": " + e.msg);
+  }
+  return readModel(r, root);
+}
+
+ConfigModel ConfigLoader::loadFile(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw ConfigError(path + ": cannot be read");
+  std::stringstream text;
+  text << in.rdbuf();
+  return loadString(text.str(), path);
+}
+
+}  // namespace Waymark

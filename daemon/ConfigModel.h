@@ -1,0 +1,56 @@
+// Waymark::ConfigModel: the configuration file as plain, fully validated
+// values: tunables, access lists, class maps, policy maps and the policy each
+// interface applies. The loader produces it; the applier turns the difference
+// between two of them into changes of the mounted configuration entities.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/AclRuleConfig.h"
+#include "platform/IntfId.h"
+#include "platform/IpGenAddr.h"
+
+namespace Waymark {
+
+struct Tunables {
+  double nexthopProgrammingTimeLimit = 0.5;
+  uint32_t rulesPerInvocation = 300;
+  double ruleProgrammingTimeLimit = 0.5;
+  bool operator==(const Tunables&) const = default;
+};
+
+struct AccessListSpec {
+  bool ipv6 = false;
+  std::map<uint32_t, Acl::AclRuleConfig> rules;  // by sequence number
+  bool operator==(const AccessListSpec&) const = default;
+};
+
+// One class of a policy map and what it does with matching traffic.
+struct PolicyClassSpec {
+  std::string className;
+  std::vector<Velnet::IpGenAddr> nexthops;  // in order: primary first
+  std::string nexthopGroup;
+  bool passthrough = false;
+  bool operator==(const PolicyClassSpec&) const = default;
+};
+
+struct ConfigModel {
+  Tunables tunables;
+  std::map<std::string, AccessListSpec> accessLists;
+  std::map<std::string, std::vector<std::string>> classMaps;
+  // In configuration order.
+  std::vector<std::pair<std::string, std::vector<PolicyClassSpec>>> policyMaps;
+  std::map<Velnet::IntfId, std::string> interfaces;
+
+  const std::vector<PolicyClassSpec>* policyMap(const std::string& name) const {
+    for (const auto& [n, classes] : policyMaps) {
+      if (n == name) return &classes;
+    }
+    return nullptr;
+  }
+};
+
+}  // namespace Waymark

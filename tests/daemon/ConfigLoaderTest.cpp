@@ -1,0 +1,133 @@
+#include "daemon/ConfigLoader.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace Waymark {
+namespace {
+
+const std::string kExample = R"(tunables:
+  nexthop-programming-time-limit: 0.5
+  rules-per-invocation: 300
+  rule-programming-time-limit: 0.5
+access-lists:
+  web:
+    - 10 permit tcp 10.0.0.0/8 any eq 80 443
+    - 20 permit tcp any range 1024 65535 host 192.0.2.7 syn
+  web6:
+    ipv6: true
+    rules:
+      - permit udp 2001:db8::/32 any gt 1023
+  voice:
+    - permit udp any any eq 5060
+    - permit udp any any range 16384 32767
+class-maps:
+  web: [web, web6]
+  voice: [voice]
+  local: [web]
+policy-maps:
+  edge:
+    - class: web
+      nexthops: [192.0.2.1, 192.0.2.9]
+    - class: voice
+      nexthop-group: voice-group
+    - class: local
+      passthrough: true
+interfaces:
+  eth1: edge
+)";
+
+std::string error(const std::string& text) {
+  try {
+    ConfigLoader::loadString(text, "waymark.yaml");
+  } catch (const ConfigError& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+TEST(ConfigLoaderTest, TheDocumentedExampleLoads) {
+  const ConfigModel m = ConfigLoader::loadString(kExample, "waymark.yaml");
+  EXPECT_EQ(m.tunables.rulesPerInvocation, 300u);
+  ASSERT_EQ(m.accessLists.size(), 3u);
+  EXPECT_TRUE(m.accessLists.at("web6").ipv6);
+  EXPECT_EQ(m.accessLists.at("web").rules.at(20).text(),
+            "20 permit tcp any range 1024 65535 host 192.0.2.7 syn");
+  EXPECT_EQ(m.classMaps.at("web"), (std::vector<std::string>{"web", "web6"}));
+  ASSERT_EQ(m.policyMaps.size(), 1u);
+  const auto& edge = m.policyMaps[0].second;
+  ASSERT_EQ(edge.size(), 3u);
+  EXPECT_EQ(edge[0].nexthops,
+            (std::vector<Velnet::IpGenAddr>{Velnet::IpGenAddr::parse("192.0.2.1"),
+                                            Velnet::IpGenAddr::parse("192.0.2.9")}));
+  EXPECT_EQ(edge[1].nexthopGroup, "voice-group");
+  EXPECT_TRUE(edge[2].passthrough);
+  EXPECT_EQ(m.interfaces.at(Velnet::IntfId("eth1")), "edge");
+}
+
+TEST(ConfigLoaderTest, RulesWithoutANumberFollowTheLastNumberedOne) {
+  const auto m = ConfigLoader::loadString(
+      "access-lists:\n  a: [permit ip any any, 15 permit tcp any any, permit udp any any]\n", "f");
+  std::vector<uint32_t> seqs;
+  for (const auto& [seq, rule] : m.accessLists.at("a").rules) seqs.push_back(seq);
+  EXPECT_EQ(seqs, (std::vector<uint32_t>{10, 15, 25}));
+}
+
+TEST(ConfigLoaderTest, AnEmptyFileIsAnEmptyConfiguration) {
+  const auto m = ConfigLoader::loadString("", "f");
+  EXPECT_TRUE(m.policyMaps.empty());
+  EXPECT_EQ(m.tunables, Tunables());
+}
+
+TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
+  EXPECT_EQ(error("polcy-maps: {}\n"),
+            "waymark.yaml:1:1: unknown key 'polcy-maps' in the configuration");
+  EXPECT_EQ(error("access-lists:\n  a: [permit ip any any]\n  a: [permit ip any any]\n"),
+            "waymark.yaml:3:3: duplicate key 'a'");
+  EXPECT_EQ(error("access-lists:\n  a:\n    - permit tcp any any eq 70000\n"),
+            "waymark.yaml:3:7: invalid port '70000' (0 to 65535) in rule "
+            "'permit tcp any any eq 70000'");
+  EXPECT_EQ(error("access-lists:\n  a: [deny ip any any]\n"),
+            "waymark.yaml:2:7: deny rules are not supported: a policy's classes only select "
+            "traffic to steer in rule 'deny ip any any'");
+  EXPECT_EQ(error("access-lists:\n  a: [permit ip 2001:db8::/32 any]\n"),
+            "waymark.yaml:2:7: IPv6 address '2001:db8::/32' in an IPv4 access list in rule "
+            "'permit ip 2001:db8::/32 any'");
+  EXPECT_EQ(error("access-lists:\n  a: [10 permit ip any any, 10 permit udp any any]\n"),
+            "waymark.yaml:2:29: sequence number 10 used twice in 'a'");
+  EXPECT_EQ(error("class-maps:\n  c: [nope]\n"),
+            "waymark.yaml:2:7: unknown access list 'nope' in class 'c'");
+  EXPECT_EQ(error("access-lists:\n  'a b': [permit ip any any]\n"),
+            "waymark.yaml:2:3: invalid access-list name 'a b' (1 to 64 letters, digits, '_', "
+            "'.', ':' or '-', not starting with '-')");
+  EXPECT_EQ(error("access-lists:\n  a: [permit ip any any]\nclass-maps:\n  c: [a]\n"
+                  "policy-maps:\n  p:\n    - class: c\n      nexthops: [192.0.2.1, 192.0.2.300]\n"),
+            "waymark.yaml:8:29: invalid nexthop address '192.0.2.300'");
+  EXPECT_EQ(error("access-lists:\n  a: [permit ip any any]\nclass-maps:\n  c: [a]\n"
+                  "policy-maps:\n  p:\n    - class: c\n      nexthops: [192.0.2.1]\n"
+                  "      passthrough: true\n"),
+            "waymark.yaml:7:7: class 'c' needs exactly one of nexthops, nexthop-group or "
+            "passthrough");
+  EXPECT_EQ(error("access-lists:\n  a: [permit ip any any]\nclass-maps:\n  c: [a]\n"
+                  "policy-maps:\n  p:\n    - class: d\n      passthrough: true\n"),
+            "waymark.yaml:7:14: unknown class 'd' (not in class-maps)");
+  EXPECT_EQ(error("interfaces:\n  eth1: nope\n"),
+            "waymark.yaml:2:9: unknown policy 'nope' for interface 'eth1'");
+  EXPECT_EQ(error("interfaces:\n  averyveryverylongname: p\n"),
+            "waymark.yaml:2:3: invalid interface name 'averyveryverylongname' (1 to 15 "
+            "letters, digits, '_', '.' or '-', not starting with '-')");
+  EXPECT_EQ(error("interfaces:\n  \"eth1;reboot\": p\n"),
+            "waymark.yaml:2:3: invalid interface name 'eth1;reboot' (1 to 15 letters, digits, "
+            "'_', '.' or '-', not starting with '-')");
+  EXPECT_EQ(error("tunables:\n  rules-per-invocation: 0\n"),
+            "waymark.yaml:2:25: rules-per-invocation must be a whole number from 1 to 100000, "
+            "not '0'");
+  EXPECT_EQ(error("tunables:\n  rule-programming-time-limit: nan\n"),
+            "waymark.yaml:2:32: rule-programming-time-limit must be a number of seconds from 0 "
+            "to 3600, not 'nan'");
+  EXPECT_EQ(error("access-lists: [\n"), "waymark.yaml:2:1: end of sequence flow not found");
+}
+
+}  // namespace
+}  // namespace Waymark
