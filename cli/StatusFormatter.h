@@ -1,0 +1,20 @@
+// Turns waymarkd's JSON status into the aligned tables an operator reads at
+// a glance: policies (policy, family, chain, interfaces, class -> nexthop,
+// "passthrough" or "unresolved"), nexthops (address, refs, mark, table,
+// priority, state with the reason it is not programmed) and counters.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace Waymark {
+
+class StatusFormatter {
+ public:
+  static std::string policies(const nlohmann::json& status);
+  static std::string nexthops(const nlohmann::json& status);
+  static std::string counters(const nlohmann::json& status);
+  static std::string all(const nlohmann::json& status);
+};
+
+}  // namespace Waymark

@@ -1,0 +1,98 @@
+// waymarkctl: talks to waymarkd over its control socket.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "cli/StatusFormatter.h"
+#include "daemon/ControlServer.h"
+
+namespace {
+
+const char* kUsage =
+    "usage: waymarkctl [--socket PATH] status|policies|nexthops|counters [--json]\n"
+    "       waymarkctl [--socket PATH] reload\n"
+    "       waymarkctl [--socket PATH] wait-idle [--timeout SECONDS]\n"
+    "       waymarkctl [--socket PATH] set TUNABLE VALUE\n";
+
+int usage() {
+  std::fputs(kUsage, stderr);
+  return 2;
+}
+
+int run(const std::string& socket, const std::vector<std::string>& args) {
+  using Waymark::StatusFormatter;
+  const std::string& command = args[0];
+  const bool json = args.size() > 1 && args[1] == "--json";
+  if (command == "status" || command == "policies" || command == "nexthops" ||
+      command == "counters") {
+    if (args.size() > 2 || (args.size() == 2 && !json)) return usage();
+    const auto status = Waymark::controlRequest(socket, {{"command", "status"}});
+    if (json) {
+      const auto& part = command == "status" ? status : status.at(command);
+      std::printf("%s\n", part.dump(2).c_str());
+      return 0;
+    }
+    const std::string out = command == "status"     ? StatusFormatter::all(status)
+                            : command == "policies" ? StatusFormatter::policies(status)
+                            : command == "nexthops" ? StatusFormatter::nexthops(status)
+                                                    : StatusFormatter::counters(status);
+    std::fputs(out.c_str(), stdout);
+    return 0;
+  }
+  if (command == "reload" && args.size() == 1) {
+    const auto reply = Waymark::controlRequest(socket, {{"command", "reload"}});
+    if (reply.at("ok").get<bool>()) {
+      std::puts("reloaded");
+      return 0;
+    }
+    std::fprintf(stderr, "reload refused, nothing changed: %s\n",
+                 reply.at("error").get<std::string>().c_str());
+    return 1;
+  }
+  if (command == "set" && args.size() == 3) {
+    const auto reply = Waymark::controlRequest(
+        socket, {{"command", "set"}, {"tunable", args[1]}, {"value", args[2]}});
+    if (reply.at("ok").get<bool>()) return 0;
+    std::fprintf(stderr, "%s\n", reply.at("error").get<std::string>().c_str());
+    return 1;
+  }
+  if (command == "wait-idle") {
+    double timeout = 60;
+    if (args.size() == 3 && args[1] == "--timeout")
+      timeout = std::atof(args[2].c_str());
+    else if (args.size() != 1)
+      return usage();
+    for (double waited = 0; waited <= timeout; waited += 0.05) {
+      if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>()) return 0;
+      usleep(50000);
+    }
+    std::fprintf(stderr, "waymarkd still busy after %g s\n", timeout);
+    return 1;
+  }
+  return usage();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string socket = "/run/waymark/waymarkd.sock";
+  std::vector<std::string> args;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--socket" && i + 1 < argc) {
+      socket = argv[++i];
+    } else {
+      args.push_back(a);
+    }
+  }
+  if (args.empty()) return usage();
+  try {
+    return run(socket, args);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "waymarkctl: %s\n", e.what());
+    return 1;
+  }
+}

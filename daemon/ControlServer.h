@@ -1,0 +1,36 @@
+// The control socket of waymarkd: a Unix stream socket (mode 0600) on which
+// each connection carries one JSON request and gets one JSON reply. The
+// daemon's loop waits on fd() and calls handle() when a client connects; a
+// client that does not send its request within a second is dropped.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace Waymark {
+
+class ControlServer {
+ public:
+  using Handler = std::function<nlohmann::json(const nlohmann::json& request)>;
+
+  explicit ControlServer(Handler handler) : handler_(std::move(handler)) {}
+  ~ControlServer();
+  ControlServer(const ControlServer&) = delete;
+  ControlServer& operator=(const ControlServer&) = delete;
+
+  bool listen(const std::string& path, std::string* error);
+  int fd() const { return fd_; }
+  void handle();
+
+ private:
+  Handler handler_;
+  std::string path_;
+  int fd_ = -1;
+};
+
+// The client side, for waymarkctl and tests: sends `request`, returns the
+// reply; throws std::runtime_error when the daemon cannot be reached.
+nlohmann::json controlRequest(const std::string& path, const nlohmann::json& request);
+
+}  // namespace Waymark

@@ -1,0 +1,358 @@
+#include "daemon/Daemon.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "daemon/ConfigLoader.h"
+#include "daemon/DryRun.h"
+#include "daemon/StatusReport.h"
+#include "framework/ActivityManager.h"
+#include "framework/Trace.h"
+#include "platform/Cell.h"
+#include "platform/ChildProcess.h"
+#include "platform/PlatformEntities.h"
+
+namespace Waymark {
+
+namespace {
+
+// Prints trace records to standard error.
+class StderrTraceSink : public Vix::TraceSink {
+ public:
+  void write(const Vix::TraceRecord& r) override {
+    std::fprintf(stderr, "waymarkd[%d] %.*s %.*s:%d %s\n", r.level,
+                 static_cast<int>(r.function.size()), r.function.data(),
+                 static_cast<int>(r.file.size()), r.file.data(), r.line, r.text.c_str());
+  }
+};
+StderrTraceSink stderrSink;
+
+void log(const std::string& text) { std::fprintf(stderr, "waymarkd: %s\n", text.c_str()); }
+
+double monotonic() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+bool parseNumber(const std::string& text, double low, double high, double* out) {
+  char* end = nullptr;
+  const double v = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !std::isfinite(v) || v < low || v > high) return false;
+  *out = v;
+  return true;
+}
+
+}  // namespace
+
+const char* Daemon::usage() {
+  return "usage: waymarkd [--config FILE] [--socket PATH] [--state FILE] [--trace-level N]\n"
+         "                [--cell-id N] [--check | --dry-run | --cleanup]\n";
+}
+
+std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::string* error) {
+  DaemonOptions o;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> std::optional<std::string> {
+      if (i + 1 >= argc) return std::nullopt;
+      return std::string(argv[++i]);
+    };
+    std::optional<std::string> v;
+    double n = 0;
+    if (arg == "--check") {
+      o.check = true;
+    } else if (arg == "--dry-run") {
+      o.dryRun = true;
+    } else if (arg == "--cleanup") {
+      o.cleanup = true;
+    } else if (arg == "--config" && (v = value())) {
+      o.config = *v;
+    } else if (arg == "--socket" && (v = value())) {
+      o.socket = *v;
+    } else if (arg == "--state" && (v = value())) {
+      o.state = *v;
+    } else if (arg == "--trace-level" && (v = value()) && parseNumber(*v, 0, 9, &n)) {
+      o.traceLevel = static_cast<int>(n);
+    } else if (arg == "--cell-id" && (v = value()) && parseNumber(*v, 0, 1e9, &n)) {
+      o.cellId = static_cast<uint32_t>(n);
+    } else {
+      *error = "bad argument: " + arg;
+      return std::nullopt;
+    }
+  }
+  return o;
+}
+
+Daemon::Daemon(DaemonOptions options) : options_(std::move(options)), state_(options_.state) {}
+
+Daemon::~Daemon() {
+  for (const int fd : {epoll_, timer_, signals_}) {
+    if (fd >= 0) close(fd);
+  }
+}
+
+int Daemon::run() {
+  Vix::Trace::sinkIs(&stderrSink, options_.traceLevel);
+  try {
+    model_ = ConfigLoader::loadFile(options_.config);
+  } catch (const ConfigError& e) {
+    std::fprintf(stderr, "%s\n", e.what());
+    if (!options_.cleanup) return 1;
+  }
+  if (options_.check) {
+    std::printf("%s: ok (%zu access lists, %zu classes, %zu policies, %zu interfaces)\n",
+                options_.config.c_str(), model_.accessLists.size(), model_.classMaps.size(),
+                model_.policyMaps.size(), model_.interfaces.size());
+    return 0;
+  }
+  if (options_.cleanup) {
+    cleanupKernel();
+    return 0;
+  }
+  std::string error;
+  if (!start(&error)) {
+    log(error);
+    return 1;
+  }
+  loop();
+  log("stopping; the kernel stays programmed");
+  return 0;
+}
+
+void Daemon::runQuietly(const std::string& command) {
+  if (options_.dryRun) {
+    std::printf("dry-run: %s\n", command.c_str());
+    return;
+  }
+  std::vector<std::string> argv;
+  std::istringstream words(command);
+  for (std::string w; words >> w;) argv.push_back(w);
+  Platform::ChildProcess::run(argv, "", 10);
+}
+
+bool Daemon::start(std::string* error) {
+  Cell::cellIdIs(options_.cellId);
+  store_ = Vix::make<Stordb::EntityManager>();
+  pbrConfig_ = Vix::make<Pbr::Config>();
+  aclConfig_ = Vix::make<Acl::Config>();
+  ipStatus_ = Vix::make<Ip::Status>();
+  ip6Status_ = Vix::make<Ip6::Status>();
+
+  netlink_ = std::make_unique<NetlinkListener>(ipStatus_, ip6Status_);
+  if (!netlink_->open(error)) return false;
+
+  // Rules and tables an earlier run left behind would collide with the ones
+  // this run allocates.
+  state_.load();
+  for (const auto& command : state_.cleanupCommands()) runQuietly(command);
+  state_.clear();
+  if (!options_.dryRun && !state_.save(error)) return false;
+
+  store_->entityIs("pbr/config", "Pbr::Config", pbrConfig_);
+  store_->entityIs("pbr/statusRequest", "PolicyMap::PolicyMapStatusRequestDir",
+                   Vix::make<PolicyMap::PolicyMapStatusRequestDir>());
+  store_->entityIs(Vix::format("cell/%d/pbr/status/iptables", static_cast<int>(options_.cellId)),
+                   "PolicyMap::PolicyMapTypeStatus", Vix::make<PolicyMap::PolicyMapTypeStatus>());
+  store_->entityIs("acl/config", "Acl::Config", aclConfig_);
+  store_->entityIs("lag/input/config/cli", "Lag::Input::Config", Vix::make<Lag::Input::Config>());
+  store_->entityIs("ip/status", "Ip::Status", ipStatus_);
+  store_->entityIs("ip6/status", "Ip6::Status", ip6Status_);
+  store_->entityIs("routing/routingInfo/status", "Routing::RoutingInfo",
+                   Vix::make<Routing::RoutingInfo>());
+  store_->entityIs("routing6/routingInfo/status", "Routing6::RoutingInfo",
+                   Vix::make<Routing6::RoutingInfo>());
+  applier_ = std::make_unique<ConfigApplier>(pbrConfig_, aclConfig_);
+  applier_->apply(model_);
+
+  if (options_.dryRun) {
+    dryRunner_ = std::make_unique<PrintingCommandRunner>();
+    dryWriter_ = std::make_unique<PrintingIptablesWriter>();
+  }
+  plugin_ = Pbr::aclPluginFactory("waymark");
+  plugin_->init(Vix::make<Acl::PluginContext>(store_, dryRunner_.get(), dryWriter_.get()));
+  applyTunables(model_.tunables);
+
+  control_ = std::make_unique<ControlServer>(
+      [this](const nlohmann::json& request) { return handleRequest(request); });
+  if (!control_->listen(options_.socket, error)) return false;
+
+  sigset_t mask;
+  sigemptyset(&mask);
+  for (const int s : {SIGHUP, SIGTERM, SIGINT}) sigaddset(&mask, s);
+  sigprocmask(SIG_BLOCK, &mask, nullptr);
+  signals_ = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+  timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  epoll_ = epoll_create1(EPOLL_CLOEXEC);
+  if (signals_ < 0 || timer_ < 0 || epoll_ < 0) {
+    *error = std::string("event loop: ") + std::strerror(errno);
+    return false;
+  }
+  for (const int fd : {signals_, timer_, netlink_->fd(), control_->fd()}) {
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = fd;
+    epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &ev);
+  }
+  log("running with " + options_.config);
+  return true;
+}
+
+void Daemon::loop() {
+  while (!stop_) {
+    const double turn = monotonic();
+    Vix::activityManager().runDue();
+    recordState();
+    const double sleep = Vix::activityManager().sleepTime();
+    itimerspec when{};
+    if (sleep != Vix::kNever && sleep > 0) {
+      when.it_value.tv_sec = static_cast<time_t>(sleep);
+      when.it_value.tv_nsec = static_cast<long>((sleep - std::floor(sleep)) * 1e9) + 1;
+    }
+    timerfd_settime(timer_, 0, &when, nullptr);
+    longestTurn_ = std::max(longestTurn_, monotonic() - turn);
+    epoll_event events[8];
+    const int n = epoll_wait(epoll_, events, 8, sleep == 0 ? 0 : -1);
+    for (int i = 0; i < n; ++i) {
+      const int fd = events[i].data.fd;
+      if (fd == timer_) {
+        uint64_t expirations;
+        if (read(timer_, &expirations, sizeof expirations) < 0) continue;
+      } else if (fd == signals_) {
+        signalfd_siginfo info{};
+        while (read(signals_, &info, sizeof info) == sizeof info) {
+          if (info.ssi_signo == SIGHUP) {
+            const std::string error = reload();
+            log(error.empty() ? "reloaded " + options_.config : "reload refused: " + error);
+          } else {
+            stop_ = true;
+          }
+        }
+      } else if (fd == netlink_->fd()) {
+        netlink_->handleEvents();
+      } else if (fd == control_->fd()) {
+        control_->handle();
+      }
+    }
+  }
+}
+
+std::string Daemon::reload() {
+  ++reloads_;
+  try {
+    model_ = ConfigLoader::loadFile(options_.config);
+  } catch (const ConfigError& e) {
+    ++reloadsFailed_;
+    lastReloadError_ = e.what();
+    return lastReloadError_;
+  }
+  applier_->apply(model_);
+  applyTunables(model_.tunables);
+  lastReloadError_.clear();
+  return "";
+}
+
+void Daemon::applyTunables(const Tunables& t) {
+  plugin_->nexthopTableManager()->nexthopProgrammingTimeLimitIs(t.nexthopProgrammingTimeLimit);
+  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
+    const auto typeData = plugin_->aclHelper()->aclTypeDataIs(option);
+    typeData->rulesPerInvocationIs(t.rulesPerInvocation);
+    typeData->ruleProgrammingTimeLimitIs(t.ruleProgrammingTimeLimit);
+  }
+}
+
+std::string Daemon::setTunable(const std::string& name, const std::string& value) {
+  Tunables t = model_.tunables;
+  double v = 0;
+  if (name == "nexthop-programming-time-limit" && parseNumber(value, 0, 3600, &v)) {
+    t.nexthopProgrammingTimeLimit = v;
+  } else if (name == "rule-programming-time-limit" && parseNumber(value, 0, 3600, &v)) {
+    t.ruleProgrammingTimeLimit = v;
+  } else if (name == "rules-per-invocation" && parseNumber(value, 1, 100000, &v) &&
+             v == std::floor(v)) {
+    t.rulesPerInvocation = static_cast<uint32_t>(v);
+  } else {
+    return "unknown tunable or value out of range: " + name + " " + value +
+           " (nexthop-programming-time-limit and rule-programming-time-limit take 0 to 3600 "
+           "seconds, rules-per-invocation 1 to 100000)";
+  }
+  model_.tunables = t;
+  applyTunables(t);
+  return "";
+}
+
+nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
+  const std::string command = request.value("command", "");
+  if (command == "status") {
+    nlohmann::json status = StatusReport::build(*plugin_);
+    status["daemon"] = {{"config", options_.config},
+                        {"longestLoopTurn", longestTurn_},
+                        {"reloads", reloads_},
+                        {"reloadsFailed", reloadsFailed_},
+                        {"lastReloadError", lastReloadError_},
+                        {"netlinkRedumps", netlink_->redumps()},
+                        {"dryRun", options_.dryRun}};
+    return status;
+  }
+  if (command == "reload") {
+    const std::string error = reload();
+    return {{"ok", error.empty()}, {"error", error}};
+  }
+  if (command == "set") {
+    const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
+    return {{"ok", error.empty()}, {"error", error}};
+  }
+  if (command == "idle") return {{"idle", StatusReport::idle(*plugin_)}};
+  return {{"ok", false}, {"error", "unknown command '" + command + "'"}};
+}
+
+void Daemon::recordState() {
+  if (options_.dryRun || !plugin_) return;
+  std::set<uint32_t> priorities;
+  std::set<uint32_t> tables;
+  const auto& m = *plugin_->nexthopTableManager();
+  m.nexthops().forEach([&](const Velnet::IpGenAddr& a, uint32_t) {
+    if (m.fwmark(a) == 0) return;
+    priorities.insert(m.ipRuleIndex(a));
+    tables.insert(m.routeTable(a));
+  });
+  std::string error;
+  if (state_.record(priorities, tables) && !state_.save(&error)) log(error);
+}
+
+void Daemon::cleanupKernel() {
+  state_.load();
+  for (const auto& command : state_.cleanupCommands()) runQuietly(command);
+  for (const bool v6 : {false, true}) {
+    const char* tool = v6 ? "ip6tables" : "iptables";
+    const auto listing = Platform::ChildProcess::run({tool, "-w", "-t", "mangle", "-S"}, "", 30);
+    std::istringstream in(listing.output);
+    std::string text;
+    std::vector<std::string> chains;
+    for (std::string line; std::getline(in, line);) {
+      if (line == "-A PREROUTING -j TAMBRO_PBR_INTF") text += "-D PREROUTING -j TAMBRO_PBR_INTF\n";
+      if (line.rfind("-N PBR_", 0) == 0 || line == "-N TAMBRO_PBR_INTF")
+        chains.push_back(line.substr(3));
+    }
+    for (const auto& c : chains) text += "-F " + c + "\n";
+    for (const auto& c : chains) text += "-X " + c + "\n";
+    if (text.empty()) continue;
+    AclUtils::RestoreIptablesWriter writer;
+    const auto result =
+        writer.write(v6 ? Acl::aclTypeIpv6 : Acl::aclTypeIpv4, "*mangle\n" + text + "COMMIT\n");
+    if (!result.ok) log(result.error);
+  }
+  std::remove(options_.state.c_str());
+  log("removed waymark's chains, rules and tables");
+}
+
+}  // namespace Waymark

@@ -1,0 +1,35 @@
+// The ways to the kernel for `waymarkd --dry-run`: every `ip` command and
+// every iptables-restore batch is printed to standard output, prefixed so
+// that the two can be told apart, and reported as successful.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "nexthop/CommandRunner.h"
+#include "platform/IptablesManager.h"
+
+namespace Waymark {
+
+class PrintingCommandRunner : public Pbr::CommandRunner {
+ public:
+  int run(const std::string& command) override {
+    std::printf("dry-run: %s\n", command.c_str());
+    std::fflush(stdout);
+    return 0;
+  }
+};
+
+class PrintingIptablesWriter : public AclUtils::IptablesWriter {
+ public:
+  AclUtils::IptablesWriteResult write(Acl::AclType type, const std::string& text) override {
+    std::printf("dry-run: %s <<EOF\n%sEOF\n",
+                type == Acl::aclTypeIpv6 ? "ip6tables-restore --noflush -w"
+                                         : "iptables-restore --noflush -w",
+                text.c_str());
+    std::fflush(stdout);
+    return {};
+  }
+};
+
+}  // namespace Waymark
