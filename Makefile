@@ -39,8 +39,8 @@ bench: deps
 	cmake --build $(BENCH_DIR) -j $(JOBS)
 	@for b in $(BENCH_DIR)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
 
-demo:
-	@echo "make demo arrives with the daemon (waymarkd); see README.md"; exit 1
+demo: build
+	bash examples/demo.sh $(BUILD)
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

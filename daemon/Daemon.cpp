@@ -14,6 +14,7 @@
 
 #include "daemon/ConfigLoader.h"
 #include "daemon/DryRun.h"
+#include "daemon/QuietCommandRunner.h"
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
 #include "framework/Trace.h"
@@ -175,11 +176,13 @@ bool Daemon::start(std::string* error) {
   applier_->apply(model_);
 
   if (options_.dryRun) {
-    dryRunner_ = std::make_unique<PrintingCommandRunner>();
-    dryWriter_ = std::make_unique<PrintingIptablesWriter>();
+    kernelRunner_ = std::make_unique<PrintingCommandRunner>();
+    kernelWriter_ = std::make_unique<PrintingIptablesWriter>();
+  } else {
+    kernelRunner_ = std::make_unique<QuietCommandRunner>();
   }
   plugin_ = Pbr::aclPluginFactory("waymark");
-  plugin_->init(Vix::make<Acl::PluginContext>(store_, dryRunner_.get(), dryWriter_.get()));
+  plugin_->init(Vix::make<Acl::PluginContext>(store_, kernelRunner_.get(), kernelWriter_.get()));
   applyTunables(model_.tunables);
 
   control_ = std::make_unique<ControlServer>(

@@ -73,8 +73,10 @@ class Daemon {
   std::unique_ptr<NetlinkListener> netlink_;
   std::unique_ptr<ConfigApplier> applier_;
   std::unique_ptr<ControlServer> control_;
-  std::unique_ptr<Pbr::CommandRunner> dryRunner_;
-  std::unique_ptr<AclUtils::IptablesWriter> dryWriter_;
+  // The ways to the kernel: quiet or printing runner; printing writer for a
+  // dry run (null: the real iptables-restore).
+  std::unique_ptr<Pbr::CommandRunner> kernelRunner_;
+  std::unique_ptr<AclUtils::IptablesWriter> kernelWriter_;
   Vix::Ptr<Pbr::AclPlugin> plugin_;
   int epoll_ = -1;
   int timer_ = -1;

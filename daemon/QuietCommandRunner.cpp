@@ -1,0 +1,18 @@
+#include "daemon/QuietCommandRunner.h"
+
+#include <signal.h>
+
+#include "platform/ChildProcess.h"
+
+namespace Waymark {
+
+int QuietCommandRunner::run(const std::string& command) {
+  const Platform::ChildResult r =
+      Platform::ChildProcess::run({"/bin/sh", "-c", command}, "", timeLimit_);
+  if (!r.started) return -1;
+  if (r.timedOut) return SIGKILL;
+  if (r.signal != 0) return r.signal;
+  return (r.exitCode & 0xff) << 8;
+}
+
+}  // namespace Waymark
