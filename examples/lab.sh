@@ -1,0 +1,124 @@
+# The namespace lab of waymark's demo and end-to-end tests, to be sourced.
+#
+#   client --- router --+-- nh1   (primary nexthop)   198.51.100.2,  2001:db8:2::2
+#                       +-- nh2   (backup nexthop)    198.51.100.66, 2001:db8:3::2
+#                       +-- dflt  (normal default)    203.0.113.2,   2001:db8:4::2
+#
+# Every host behind the router answers for the service address 203.0.113.200
+# (2001:db8:ff::200) and counts the packets it receives for it; the lab tells
+# which host a client's packets reached. Needs root. The caller sets LAB (a
+# unique prefix) and RUN (a directory) and calls lab_destroy on exit.
+
+SERVICE4=203.0.113.200
+SERVICE6=2001:db8:ff::200
+DAEMON=
+
+in_ns() { local n=$1; shift; ip netns exec "$LAB-$n" "$@"; }
+
+lab_link() {  # NS_A DEV_A NS_B DEV_B
+  ip link add "$2" netns "$LAB-$1" type veth peer name "$4" netns "$LAB-$3"
+  in_ns "$1" ip link set "$2" up
+  in_ns "$3" ip link set "$4" up
+}
+
+lab_addr() { in_ns "$1" ip addr add "$3" dev "$2" ${4:-}; }
+
+lab_create() {
+  local n h
+  for n in client router nh1 nh2 dflt; do
+    ip netns add "$LAB-$n"
+    in_ns "$n" ip link set lo up
+  done
+  lab_link client c-router router r-client
+  lab_link router r-nh1 nh1 nh1-router
+  lab_link router r-nh2 nh2 nh2-router
+  lab_link router r-dflt dflt dflt-router
+  lab_addr client c-router 192.0.2.10/26;   lab_addr client c-router 2001:db8:1::10/64 nodad
+  lab_addr router r-client 192.0.2.1/26;    lab_addr router r-client 2001:db8:1::1/64 nodad
+  lab_addr router r-nh1 198.51.100.1/26;    lab_addr router r-nh1 2001:db8:2::1/64 nodad
+  lab_addr router r-nh2 198.51.100.65/26;   lab_addr router r-nh2 2001:db8:3::1/64 nodad
+  lab_addr router r-dflt 203.0.113.1/26;    lab_addr router r-dflt 2001:db8:4::1/64 nodad
+  lab_addr nh1 nh1-router 198.51.100.2/26;  lab_addr nh1 nh1-router 2001:db8:2::2/64 nodad
+  lab_addr nh2 nh2-router 198.51.100.66/26; lab_addr nh2 nh2-router 2001:db8:3::2/64 nodad
+  lab_addr dflt dflt-router 203.0.113.2/26; lab_addr dflt dflt-router 2001:db8:4::2/64 nodad
+  in_ns client ip route add default via 192.0.2.1
+  in_ns client ip -6 route add default via 2001:db8:1::1
+  in_ns router sysctl -qw net.ipv4.ip_forward=1 net.ipv6.conf.all.forwarding=1
+  # A router keeps its IPv6 addresses while a link is down, as it does IPv4 ones.
+  for n in r-client r-nh1 r-nh2 r-dflt; do
+    in_ns router sysctl -qw net.ipv6.conf.$n.keep_addr_on_down=1
+  done
+  in_ns router ip route add default via 203.0.113.2
+  in_ns router ip -6 route add default via 2001:db8:4::2
+  for h in nh1 nh2 dflt; do
+    in_ns "$h" ip addr add $SERVICE4/32 dev lo
+    in_ns "$h" ip -6 addr add $SERVICE6/128 dev lo
+    in_ns "$h" iptables -t mangle -A PREROUTING -d $SERVICE4
+    in_ns "$h" ip6tables -t mangle -A PREROUTING -d $SERVICE6
+  done
+  in_ns nh1 ip route add default via 198.51.100.1;  in_ns nh1 ip -6 route add default via 2001:db8:2::1
+  in_ns nh2 ip route add default via 198.51.100.65; in_ns nh2 ip -6 route add default via 2001:db8:3::1
+  in_ns dflt ip route add default via 203.0.113.1;  in_ns dflt ip -6 route add default via 2001:db8:4::1
+}
+
+lab_destroy() {
+  lab_stop_daemon
+  local n
+  for n in client router nh1 nh2 dflt; do ip netns del "$LAB-$n" 2>/dev/null || true; done
+  rm -rf "$RUN"
+}
+
+# Starts waymarkd on the router with CONFIG and waits until it is idle.
+lab_start_daemon() {
+  local config=$1
+  mkdir -p "$RUN"
+  rm -f "$RUN/waymarkd.sock"
+  # Not through in_ns: $! must be the daemon itself (ip netns exec execs it),
+  # not a subshell running a function.
+  ip netns exec "$LAB-router" "$WAYMARKD" --config "$config" --socket "$RUN/waymarkd.sock" \
+    --state "$RUN/state.json" >>"$RUN/waymarkd.log" 2>&1 &
+  DAEMON=$!
+  local i
+  for i in $(seq 100); do [ -S "$RUN/waymarkd.sock" ] && break; sleep 0.05; done
+  lab_ctl wait-idle --timeout 10
+}
+
+lab_stop_daemon() {
+  [ -n "$DAEMON" ] || return 0
+  kill "$DAEMON" 2>/dev/null || true
+  wait "$DAEMON" 2>/dev/null || true
+  DAEMON=
+}
+
+lab_ctl() { "$WAYMARKCTL" --socket "$RUN/waymarkd.sock" "$@"; }
+
+# Lets waymarkd see a change and finish its kernel work.
+lab_settle() { sleep 0.3; lab_ctl wait-idle --timeout 10; }
+
+# Packets each host has received for the service address so far.
+lab_seen() {
+  local host=$1 fam=$2 tool=iptables dst=$SERVICE4
+  [ "$fam" = 6 ] && tool=ip6tables && dst=$SERVICE6
+  in_ns "$host" "$tool" -t mangle -L PREROUTING -v -x -n | awk -v d="$dst" '$0 ~ d {print $1; exit}'
+}
+
+# Sends COUNT packets of PROTO (tcp or udp) from the client to the service port.
+lab_send() {
+  local fam=$1 proto=$2 port=$3 count=${4:-3} dst=$SERVICE4 i
+  [ "$fam" = 6 ] && dst=$SERVICE6
+  for i in $(seq "$count"); do
+    in_ns client timeout 1 bash -c "echo > /dev/$proto/$dst/$port" 2>/dev/null || true
+  done
+}
+
+# Sends traffic and prints the hosts it reached.
+lab_arrived() {
+  local fam=$1 proto=$2 port=$3 before=() host where="" i=0
+  for host in nh1 nh2 dflt; do before+=("$(lab_seen $host "$fam")"); done
+  lab_send "$fam" "$proto" "$port"
+  for host in nh1 nh2 dflt; do
+    [ "$(lab_seen $host "$fam")" -gt "${before[$i]}" ] && where="$where $host"
+    i=$((i + 1))
+  done
+  echo "${where# }"
+}

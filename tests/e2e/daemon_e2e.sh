@@ -1,0 +1,140 @@
+#!/usr/bin/env bash
+# waymarkd end to end: real namespaces, the real kernel, real traffic
+# (examples/lab.sh). Ends with "N passed, N failed". Needs root: without it
+# the test is skipped (exit 77), except under CI, where it fails.
+set -uo pipefail
+BUILD=${1:-build}
+WAYMARKD=$BUILD/daemon/waymarkd
+WAYMARKCTL=$BUILD/cli/waymarkctl
+LAB=wme2e$$
+RUN=/run/waymark-e2e-$$
+CONFIG=$RUN/e2e.yaml
+source "$(dirname "$0")/../../examples/lab.sh"
+
+if [ "$(id -u)" != 0 ] || ! ip netns add "$LAB-probe" 2>/dev/null; then
+  echo "daemon e2e: needs root and network namespaces"
+  [ -n "${CI:-}" ] && exit 1
+  exit 77
+fi
+ip netns del "$LAB-probe"
+trap lab_destroy EXIT
+
+PASSED=0
+FAILED=0
+check() {  # WHAT GOT WANTED
+  if [ "$2" = "$3" ]; then
+    PASSED=$((PASSED + 1))
+    echo "ok   $1"
+  else
+    FAILED=$((FAILED + 1))
+    echo "FAIL $1: got '$2', wanted '$3'"
+  fi
+}
+mangle() { in_ns router iptables -t mangle -S; in_ns router ip6tables -t mangle -S; }
+rules() { in_ns router ip rule; in_ns router ip -6 rule; }
+tables() {
+  local t
+  for t in $(in_ns router ip rule | awk '/fwmark/ {print $NF}'); do in_ns router ip route show table "$t"; done
+  for t in $(in_ns router ip -6 rule | awk '/fwmark/ {print $NF}'); do in_ns router ip -6 route show table "$t"; done
+}
+chain4() { lab_ctl policies | awk '$2 == "ipv4" {print $3; exit}'; }
+packets() {  # CHAIN POSITION: the packet counter of one rule
+  in_ns router iptables -t mangle -L "$1" -v -x -n --line-numbers | awk -v n="$2" '$1 == n {print $2}'
+}
+
+mkdir -p "$RUN"
+cat > "$CONFIG" <<'YAML'
+access-lists:
+  web: [permit tcp any any eq 80]
+  dns: [permit udp any any eq 53]
+  web6:
+    ipv6: true
+    rules: [permit tcp any any eq 80]
+class-maps:
+  web: [web]
+  dns: [dns]
+  web6: [web6]
+policy-maps:
+  steer:
+    - class: web
+      nexthops: [198.51.100.2, 198.51.100.66]
+    - class: dns
+      nexthops: [198.51.100.66]
+    - class: web6
+      nexthops: ['2001:db8:2::2', '2001:db8:3::2']
+interfaces:
+  r-client: steer
+YAML
+
+lab_create
+lab_start_daemon "$CONFIG"
+
+echo "== steering by protocol and port"
+check "IPv4 TCP 80 goes to the primary" "$(lab_arrived 4 tcp 80)" nh1
+check "IPv4 UDP 53 goes to its class's nexthop" "$(lab_arrived 4 udp 53)" nh2
+check "IPv4 TCP 8080 follows the default route" "$(lab_arrived 4 tcp 8080)" dflt
+check "IPv6 TCP 80 goes to the primary" "$(lab_arrived 6 tcp 80)" nh1
+check "IPv6 UDP 53 follows the default route" "$(lab_arrived 6 udp 53)" dflt
+
+echo "== SIGTERM leaves the kernel programmed; a restart reaches the same state, no duplicates"
+before_rules=$(rules); before_tables=$(tables); before_mangle=$(mangle)
+lab_stop_daemon
+check "rules stay after SIGTERM" "$(rules)" "$before_rules"
+check "mangle rules stay after SIGTERM" "$(mangle)" "$before_mangle"
+lab_start_daemon "$CONFIG"
+check "restart: same ip rules" "$(rules)" "$before_rules"
+check "restart: same nexthop tables" "$(tables)" "$before_tables"
+check "restart: same mangle rules" "$(mangle)" "$before_mangle"
+check "restart: one rule per nexthop" "$(rules | grep -c fwmark)" 4
+check "restart: traffic still steered" "$(lab_arrived 4 tcp 80)" nh1
+
+echo "== failover in list order and back"
+in_ns router ip link set r-nh1 down; lab_settle
+check "link down: IPv4 web moves to the backup" "$(lab_arrived 4 tcp 80)" nh2
+check "link down: IPv6 web moves to the backup" "$(lab_arrived 6 tcp 80)" nh2
+in_ns router ip link set r-nh1 up; lab_settle
+check "link up: IPv4 web returns" "$(lab_arrived 4 tcp 80)" nh1
+check "link up: IPv6 web returns" "$(lab_arrived 6 tcp 80)" nh1
+
+echo "== an address removed and re-added"
+in_ns router ip addr del 198.51.100.1/26 dev r-nh1; lab_settle
+check "address removed: IPv4 web moves to the backup" "$(lab_arrived 4 tcp 80)" nh2
+in_ns router ip addr add 198.51.100.1/26 dev r-nh1; lab_settle
+check "address back: IPv4 web returns" "$(lab_arrived 4 tcp 80)" nh1
+
+echo "== a reload that changes one class touches only that class"
+CHAIN=$(chain4)
+lab_send 4 tcp 80 3
+before_web=$(in_ns router iptables -t mangle -S "$CHAIN" | sed -n '2,3p')
+before_count=$(packets "$CHAIN" 1)
+sed -i 's/nexthops: \[198.51.100.66\]$/nexthops: [198.51.100.2]/' "$CONFIG"
+check "reload accepted" "$(lab_ctl reload >/dev/null 2>&1; echo $?)" 0
+lab_settle
+check "web's rules keep their text and positions" \
+  "$(in_ns router iptables -t mangle -S "$CHAIN" | sed -n '2,3p')" "$before_web"
+check "web's counters keep counting" "$(packets "$CHAIN" 1)" "$before_count"
+check "UDP 53 now goes to the new nexthop" "$(lab_arrived 4 udp 53)" nh1
+
+echo "== a reload with an invalid file changes nothing"
+before=$(mangle; rules)
+cp "$CONFIG" "$RUN/good.yaml"
+printf 'policy-maps:\n  steer: [nonsense]\n' >> "$CONFIG"
+check "invalid reload refused" "$(lab_ctl reload >/dev/null 2>&1; echo $?)" 1
+lab_settle
+check "kernel unchanged after the refused reload" "$(mangle; rules)" "$before"
+check "--check names the line" \
+  "$("$WAYMARKD" --check --config "$CONFIG" 2>&1 | grep -oE 'e2e.yaml:[0-9]+:[0-9]+' | head -1)" \
+  "e2e.yaml:21:1"
+cp "$RUN/good.yaml" "$CONFIG"
+
+echo "== --cleanup leaves no trace"
+lab_stop_daemon
+in_ns router "$WAYMARKD" --cleanup --config "$CONFIG" --state "$RUN/state.json" 2>/dev/null
+check "no waymark chains left" "$(mangle | grep -c -E 'PBR_|TAMBRO')" 0
+check "no fwmark rules left" "$(rules | grep -c fwmark)" 0
+check "no routes left in waymark's tables" \
+  "$(for t in 2 3 4 5 6 7 8 9; do in_ns router ip route show table $t 2>/dev/null; done | wc -l)" 0
+check "traffic follows normal routing" "$(lab_arrived 4 tcp 80)" dflt
+
+echo "$PASSED passed, $FAILED failed"
+[ "$FAILED" = 0 ]
