@@ -16,8 +16,8 @@
 
 namespace {
 
-std::vector<uint32_t> randomKeys(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
+std::vector<uint32_t> randomKeys(size_t n, uint32_t trial) {
+  std::mt19937 rng(trial);
   std::unordered_map<uint32_t, bool> seen;
   std::vector<uint32_t> keys;
   keys.reserve(n);

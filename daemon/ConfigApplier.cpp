@@ -4,9 +4,9 @@ namespace Waymark {
 
 namespace {
 
-Vix::Ptr<Acl::AccessList> accessList(const std::string& name, const AccessListSpec& spec) {
-  auto list = Vix::make<Acl::AccessList>(name, spec.ipv6);
-  list->rulesIs({spec.rules.begin(), spec.rules.end()});
+Vix::Ptr<Acl::AccessList> accessList(const std::string& name, const AccessListSpec& entry) {
+  auto list = Vix::make<Acl::AccessList>(name, entry.ipv6);
+  list->rulesIs({entry.rules.begin(), entry.rules.end()});
   return list;
 }
 
@@ -32,10 +32,10 @@ void ConfigApplier::apply(const ConfigModel& model) {
   PolicyMap::PolicyMapTypeConfig& policies = *pbrConfig_->policyMapTypeConfig();
   PolicyMap::ClassMapTypeConfig& classes = *pbrConfig_->classMapTypeConfig();
 
-  for (const auto& [name, spec] : model.accessLists) {
+  for (const auto& [name, entry] : model.accessLists) {
     const auto old = applied_.accessLists.find(name);
-    if (old == applied_.accessLists.end() || !(old->second == spec)) {
-      aclConfig_->accessListIs(accessList(name, spec));
+    if (old == applied_.accessLists.end() || !(old->second == entry)) {
+      aclConfig_->accessListIs(accessList(name, entry));
     }
   }
   for (const auto& [name, lists] : model.classMaps) {
@@ -44,22 +44,22 @@ void ConfigApplier::apply(const ConfigModel& model) {
       classes.classMapIs(Vix::make<PolicyMap::ClassMapSubConfig>(name, lists));
     }
   }
-  for (const auto& [name, spec] : model.policyMaps) {
+  for (const auto& [name, entry] : model.policyMaps) {
     const auto* old = applied_.policyMap(name);
-    if (old == nullptr || *old != spec) policies.policyMapIs(policyMap(name, spec));
+    if (old == nullptr || *old != entry) policies.policyMapIs(policyMap(name, entry));
   }
   for (const auto& [intf, policy] : model.interfaces) policies.intfIs(intf, policy);
 
   for (const auto& [intf, policy] : applied_.interfaces) {
     if (model.interfaces.count(intf) == 0) policies.intfDel(intf);
   }
-  for (const auto& [name, spec] : applied_.policyMaps) {
+  for (const auto& [name, entry] : applied_.policyMaps) {
     if (!model.policyMap(name)) policies.policyMapDel(name);
   }
   for (const auto& [name, lists] : applied_.classMaps) {
     if (model.classMaps.count(name) == 0) classes.classMapDel(name);
   }
-  for (const auto& [name, spec] : applied_.accessLists) {
+  for (const auto& [name, entry] : applied_.accessLists) {
     if (model.accessLists.count(name) == 0) aclConfig_->accessListDel(name);
   }
   applied_ = model;

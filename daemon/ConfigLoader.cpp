@@ -137,7 +137,7 @@ AccessListSpec readAccessList(Reader& r, const std::string& listName, const YAML
 }
 
 PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YAML::Node& node) {
-  PolicyClassSpec spec;
+  PolicyClassSpec entry;
   int targets = 0;
   YAML::Node classNode;
   for (const auto& [key, value] :
@@ -145,7 +145,7 @@ PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YAML:
                  {"class", "nexthops", "nexthop-group", "passthrough"})) {
     const std::string k = key.Scalar();
     if (k == "class") {
-      spec.className = r.name(value, "class name");
+      entry.className = r.name(value, "class name");
       classNode = value;
     } else if (k == "nexthops") {
       ++targets;
@@ -155,29 +155,30 @@ PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YAML:
         const std::string text = r.scalar(nh, "a nexthop");
         const auto addr = Velnet::IpGenAddr::tryParse(text);
         if (!addr) r.fail(nh, "invalid nexthop address " + Vix::quoted(text));
-        if (std::find(spec.nexthops.begin(), spec.nexthops.end(), *addr) != spec.nexthops.end()) {
+        if (std::find(entry.nexthops.begin(), entry.nexthops.end(), *addr) !=
+            entry.nexthops.end()) {
           r.fail(nh, "nexthop " + Vix::quoted(text) + " listed twice");
         }
-        spec.nexthops.push_back(*addr);
+        entry.nexthops.push_back(*addr);
       }
     } else if (k == "nexthop-group") {
       ++targets;
-      spec.nexthopGroup = r.name(value, "nexthop group name");
+      entry.nexthopGroup = r.name(value, "nexthop group name");
     } else {
       ++targets;
-      spec.passthrough = r.boolean(value, "passthrough");
-      if (!spec.passthrough) r.fail(value, "passthrough can only be true (leave it out instead)");
+      entry.passthrough = r.boolean(value, "passthrough");
+      if (!entry.passthrough) r.fail(value, "passthrough can only be true (leave it out instead)");
     }
   }
-  if (spec.className.empty()) r.fail(node, "a class of a policy map needs 'class'");
-  if (model.classMaps.count(spec.className) == 0) {
-    r.fail(classNode, "unknown class " + Vix::quoted(spec.className) + " (not in class-maps)");
+  if (entry.className.empty()) r.fail(node, "a class of a policy map needs 'class'");
+  if (model.classMaps.count(entry.className) == 0) {
+    r.fail(classNode, "unknown class " + Vix::quoted(entry.className) + " (not in class-maps)");
   }
   if (targets != 1) {
-    r.fail(node, "class " + Vix::quoted(spec.className) +
+    r.fail(node, "class " + Vix::quoted(entry.className) +
                      " needs exactly one of nexthops, nexthop-group or passthrough");
   }
-  return spec;
+  return entry;
 }
 
 ConfigModel readModel(Reader& r, const YAML::Node& root) {
@@ -221,12 +222,12 @@ ConfigModel readModel(Reader& r, const YAML::Node& root) {
       std::vector<PolicyClassSpec> classes;
       std::set<std::string> seen;
       for (const auto& c : value) {
-        auto spec = readPolicyClass(r, model, c);
-        if (!seen.insert(spec.className).second) {
-          r.fail(c, "class " + Vix::quoted(spec.className) + " used twice in policy " +
+        auto entry = readPolicyClass(r, model, c);
+        if (!seen.insert(entry.className).second) {
+          r.fail(c, "class " + Vix::quoted(entry.className) + " used twice in policy " +
                         Vix::quoted(n));
         }
-        classes.push_back(std::move(spec));
+        classes.push_back(std::move(entry));
       }
       model.policyMaps.emplace_back(n, std::move(classes));
     }

@@ -108,17 +108,17 @@ AddrSpec address(Words& w, const char* what) {
            " in an " + family + " access list");
   }
   const int full = w.ipv6() ? 128 : 32;
-  AddrSpec spec{false, *addr, static_cast<uint8_t>(full)};
-  if (host) return spec;
+  AddrSpec entry{false, *addr, static_cast<uint8_t>(full)};
+  if (host) return entry;
   const auto len = number(text.substr(text.find('/') + 1), static_cast<uint64_t>(full));
   if (!len)
     w.fail("invalid prefix length in " + Vix::quoted(text) + " (0 to " + std::to_string(full) +
            ")");
-  spec.len = static_cast<uint8_t>(*len);
+  entry.len = static_cast<uint8_t>(*len);
   // Host bits are cleared, as iptables itself would.
-  spec.addr = w.ipv6() ? Velnet::IpGenAddr(Velnet::Ip6Prefix(addr->v6(), *len).network())
-                       : Velnet::IpGenAddr(Velnet::Prefix(addr->v4(), *len).network());
-  return spec;
+  entry.addr = w.ipv6() ? Velnet::IpGenAddr(Velnet::Ip6Prefix(addr->v6(), *len).network())
+                        : Velnet::IpGenAddr(Velnet::Prefix(addr->v4(), *len).network());
+  return entry;
 }
 
 PortSpec ports(Words& w, const std::optional<uint8_t>& proto) {
@@ -129,30 +129,30 @@ PortSpec ports(Words& w, const std::optional<uint8_t>& proto) {
     w.fail("ports (" + Vix::quoted(op) + ") are only allowed with tcp, udp or sctp");
   }
   w.take("port operator");
-  PortSpec spec;
+  PortSpec entry;
   if (op == "eq") {
-    spec.op = PortOp::eq;
-    spec.ports.push_back(port(w));
-    while (!w.done() && isNumber(w.peek())) spec.ports.push_back(port(w));
-    if (spec.ports.size() > kMaxMultiport) {
+    entry.op = PortOp::eq;
+    entry.ports.push_back(port(w));
+    while (!w.done() && isNumber(w.peek())) entry.ports.push_back(port(w));
+    if (entry.ports.size() > kMaxMultiport) {
       w.fail("at most " + std::to_string(kMaxMultiport) + " ports after eq, not " +
-             std::to_string(spec.ports.size()));
+             std::to_string(entry.ports.size()));
     }
   } else if (op == "range") {
-    spec.op = PortOp::range;
-    spec.ports = {port(w), port(w)};
-    if (spec.ports[0] > spec.ports[1]) {
-      w.fail("empty port range " + std::to_string(spec.ports[0]) + " " +
-             std::to_string(spec.ports[1]));
+    entry.op = PortOp::range;
+    entry.ports = {port(w), port(w)};
+    if (entry.ports[0] > entry.ports[1]) {
+      w.fail("empty port range " + std::to_string(entry.ports[0]) + " " +
+             std::to_string(entry.ports[1]));
     }
   } else {
-    spec.op = op == "gt" ? PortOp::gt : PortOp::lt;
-    spec.ports = {port(w)};
-    if ((op == "gt" && spec.ports[0] == 65535) || (op == "lt" && spec.ports[0] == 0)) {
-      w.fail("no port is " + op + " " + std::to_string(spec.ports[0]));
+    entry.op = op == "gt" ? PortOp::gt : PortOp::lt;
+    entry.ports = {port(w)};
+    if ((op == "gt" && entry.ports[0] == 65535) || (op == "lt" && entry.ports[0] == 0)) {
+      w.fail("no port is " + op + " " + std::to_string(entry.ports[0]));
     }
   }
-  return spec;
+  return entry;
 }
 
 void flags(Words& w, AclRuleConfig& rule) {

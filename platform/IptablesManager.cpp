@@ -22,24 +22,24 @@ std::string joinPorts(const std::vector<uint16_t>& ports) {
 
 // A single port or a range, as --sport/--dport take it; empty for several
 // ports (multiport) or none.
-std::string portOption(const Acl::PortSpec& spec) {
-  switch (spec.op) {
+std::string portOption(const Acl::PortSpec& entry) {
+  switch (entry.op) {
     case Acl::PortOp::eq:
-      return spec.ports.size() == 1 ? std::to_string(spec.ports[0]) : "";
+      return entry.ports.size() == 1 ? std::to_string(entry.ports[0]) : "";
     case Acl::PortOp::range:
-      return std::to_string(spec.ports[0]) + ":" + std::to_string(spec.ports[1]);
+      return std::to_string(entry.ports[0]) + ":" + std::to_string(entry.ports[1]);
     case Acl::PortOp::gt:
-      return std::to_string(spec.ports[0] + 1) + ":65535";
+      return std::to_string(entry.ports[0] + 1) + ":65535";
     case Acl::PortOp::lt:
-      return "0:" + std::to_string(spec.ports[0] - 1);
+      return "0:" + std::to_string(entry.ports[0] - 1);
     case Acl::PortOp::any:
       break;
   }
   return "";
 }
 
-bool multiport(const Acl::PortSpec& spec) {
-  return spec.op == Acl::PortOp::eq && spec.ports.size() > 1;
+bool multiport(const Acl::PortSpec& entry) {
+  return entry.op == Acl::PortOp::eq && entry.ports.size() > 1;
 }
 
 // The line of `text` the tool's message points at ("... line: 3" or

@@ -59,23 +59,23 @@ std::vector<uint32_t> iterationOrder(const IntMap& m) {
 bool validBucketCount(uint32_t n) { return n == 0 || (n & (n - 1)) == 0; }
 
 TEST(HashMapTest, IteratesInPositionThenKeyOrderForRandomKeySets) {
-  for (uint32_t seed = 0; seed < 50; ++seed) {
-    std::mt19937 rng(seed);
+  for (uint32_t trial = 0; trial < 50; ++trial) {
+    std::mt19937 rng(trial);
     IntMap m;
     std::set<uint32_t> keys;
     const uint32_t n = rng() % 3000;
     while (keys.size() < n) {
-      const uint32_t k = rng() % (seed % 2 ? 5000 : 0xffffffffu);
+      const uint32_t k = rng() % (trial % 2 ? 5000 : 0xffffffffu);
       if (keys.insert(k).second) m.newMember(make<IntItem>(k));
     }
     ASSERT_EQ(m.members(), keys.size());
-    EXPECT_EQ(iterationOrder(m), expectedOrder(keys)) << "seed " << seed;
+    EXPECT_EQ(iterationOrder(m), expectedOrder(keys)) << "trial " << trial;
   }
 }
 
 TEST(HashMapTest, OrderIsUnchangedAcrossEveryGrowAndShrink) {
-  for (uint32_t seed = 0; seed < 20; ++seed) {
-    std::mt19937 rng(seed);
+  for (uint32_t trial = 0; trial < 20; ++trial) {
+    std::mt19937 rng(trial);
     IntMap m;
     std::set<uint32_t> keys;
     int grows = 0;
@@ -84,7 +84,7 @@ TEST(HashMapTest, OrderIsUnchangedAcrossEveryGrowAndShrink) {
       ASSERT_TRUE(validBucketCount(m.buckets()));
       if (m.buckets() == bucketsBefore) return;
       (m.buckets() > bucketsBefore ? grows : shrinks)++;
-      ASSERT_EQ(iterationOrder(m), expectedOrder(keys)) << "seed " << seed;
+      ASSERT_EQ(iterationOrder(m), expectedOrder(keys)) << "trial " << trial;
     };
     while (keys.size() < 2500) {
       const uint32_t k = rng();
@@ -144,8 +144,8 @@ TEST(HashMapTest, ResumingAtTheKeyOfADeletedMemberContinuesWithItsSuccessor) {
 // be resized. Every entry that existed throughout must be visited exactly
 // once, in order, whatever happened in between.
 TEST(HashMapTest, BookmarkResumesOverChurnVisitingEverySurvivorExactlyOnce) {
-  for (uint32_t seed = 0; seed < 100; ++seed) {
-    std::mt19937 rng(seed);
+  for (uint32_t trial = 0; trial < 100; ++trial) {
+    std::mt19937 rng(trial);
     IntMap m;
     std::set<uint32_t> present;
     std::set<uint32_t> touched;  // deleted or inserted after the walk began
@@ -179,11 +179,11 @@ TEST(HashMapTest, BookmarkResumesOverChurnVisitingEverySurvivorExactlyOnce) {
       it = m.startAtHash(bookmark);
     }
     for (size_t i = 1; i < visited.size(); ++i) {
-      ASSERT_LT(sortKey(visited[i - 1]), sortKey(visited[i])) << "seed " << seed;
+      ASSERT_LT(sortKey(visited[i - 1]), sortKey(visited[i])) << "trial " << trial;
     }
     for (const uint32_t k : initial) {
       if (touched.count(k) != 0) continue;
-      ASSERT_EQ(std::count(visited.begin(), visited.end(), k), 1) << "seed " << seed;
+      ASSERT_EQ(std::count(visited.begin(), visited.end(), k), 1) << "trial " << trial;
     }
   }
 }

@@ -76,8 +76,8 @@ TEST(Routing6TrieTest, FindsNestedLinkLocalAndHostPrefixes) {
 // Against a brute-force scan of every stored prefix, over random inserts and
 // deletes that make the trie split and merge its paths.
 TEST(RoutingTrieTest, AgreesWithABruteForceScanOverRandomChurn) {
-  for (uint32_t seed = 0; seed < 20; ++seed) {
-    std::mt19937 rng(seed);
+  for (uint32_t trial = 0; trial < 20; ++trial) {
+    std::mt19937 rng(trial);
     Routing::Trie t("PBRL3IntfTrie");
     std::set<Prefix> stored;
     auto randomPrefix = [&] {
@@ -101,7 +101,7 @@ TEST(RoutingTrieTest, AgreesWithABruteForceScanOverRandomChurn) {
       for (const Prefix& s : stored) {
         if (s.contains(probe) && (!expected || s.maskLen() > expected->maskLen())) expected = s;
       }
-      ASSERT_EQ(t.longestMatch(Prefix(probe, 32)), expected) << "seed " << seed;
+      ASSERT_EQ(t.longestMatch(Prefix(probe, 32)), expected) << "trial " << trial;
     }
     ASSERT_EQ(t.routes(), stored.size());
   }
