@@ -20,7 +20,7 @@
 #include "framework/Trace.h"
 #include "platform/Cell.h"
 #include "platform/ChildProcess.h"
-#include "platform/PlatformEntities.h"
+#include "plugin/StateDatabase.h"
 
 namespace Waymark {
 
@@ -159,19 +159,8 @@ bool Daemon::start(std::string* error) {
   state_.clear();
   if (!options_.dryRun && !state_.save(error)) return false;
 
-  store_->entityIs("pbr/config", "Pbr::Config", pbrConfig_);
-  store_->entityIs("pbr/statusRequest", "PolicyMap::PolicyMapStatusRequestDir",
-                   Vix::make<PolicyMap::PolicyMapStatusRequestDir>());
-  store_->entityIs(Vix::format("cell/%d/pbr/status/iptables", static_cast<int>(options_.cellId)),
-                   "PolicyMap::PolicyMapTypeStatus", Vix::make<PolicyMap::PolicyMapTypeStatus>());
-  store_->entityIs("acl/config", "Acl::Config", aclConfig_);
-  store_->entityIs("lag/input/config/cli", "Lag::Input::Config", Vix::make<Lag::Input::Config>());
-  store_->entityIs("ip/status", "Ip::Status", ipStatus_);
-  store_->entityIs("ip6/status", "Ip6::Status", ip6Status_);
-  store_->entityIs("routing/routingInfo/status", "Routing::RoutingInfo",
-                   Vix::make<Routing::RoutingInfo>());
-  store_->entityIs("routing6/routingInfo/status", "Routing6::RoutingInfo",
-                   Vix::make<Routing6::RoutingInfo>());
+  Pbr::fillStateDatabase(*store_, {pbrConfig_, Vix::make<PolicyMap::PolicyMapTypeStatus>(),
+                                   aclConfig_, ipStatus_, ip6Status_});
   applier_ = std::make_unique<ConfigApplier>(pbrConfig_, aclConfig_);
   applier_->apply(model_);
 

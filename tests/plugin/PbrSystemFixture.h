@@ -14,6 +14,7 @@
 #include "platform/PlatformEntities.h"
 #include "plugin/AclPlugin.h"
 #include "plugin/ClassCommonData.h"
+#include "plugin/StateDatabase.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/RecordingIptablesWriter.h"
 #include "tests/support/TraceCapture.h"
@@ -30,19 +31,7 @@ struct ClassSpec {
 class PbrSystemTest : public ::testing::Test {
  public:
   PbrSystemTest() {
-    store->entityIs("pbr/config", "Pbr::Config", pbrConfig);
-    store->entityIs("pbr/statusRequest", "PolicyMap::PolicyMapStatusRequestDir",
-                    Vix::make<PolicyMap::PolicyMapStatusRequestDir>());
-    store->entityIs(Vix::format("cell/%d/pbr/status/iptables", static_cast<int>(Cell::cellId())),
-                    "PolicyMap::PolicyMapTypeStatus", status);
-    store->entityIs("acl/config", "Acl::Config", aclConfig);
-    store->entityIs("lag/input/config/cli", "Lag::Input::Config", Vix::make<Lag::Input::Config>());
-    store->entityIs("ip/status", "Ip::Status", ipStatus);
-    store->entityIs("ip6/status", "Ip6::Status", ip6Status);
-    store->entityIs("routing/routingInfo/status", "Routing::RoutingInfo",
-                    Vix::make<Routing::RoutingInfo>());
-    store->entityIs("routing6/routingInfo/status", "Routing6::RoutingInfo",
-                    Vix::make<Routing6::RoutingInfo>());
+    Pbr::fillStateDatabase(*store, {pbrConfig, status, aclConfig, ipStatus, ip6Status});
   }
   ~PbrSystemTest() override { Pbr::testMode = false; }
   void TestBody() override {}
