@@ -8,7 +8,7 @@ CTEST_ARGS ?=
 
 # Debian packages the build and the tests need.
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
-           clang-format iproute2 iptables libyaml-cpp-dev nlohmann-json3-dev
+           clang-format iproute2 iptables procps libyaml-cpp-dev nlohmann-json3-dev
 
 .PHONY: all deps build test bench demo clean format format-check
 
