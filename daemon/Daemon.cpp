@@ -14,6 +14,7 @@
 
 #include "daemon/ConfigLoader.h"
 #include "daemon/DryRun.h"
+#include "daemon/NetlinkCommandRunner.h"
 #include "daemon/QuietCommandRunner.h"
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
@@ -57,7 +58,7 @@ bool parseNumber(const std::string& text, double low, double high, double* out) 
 
 const char* Daemon::usage() {
   return "usage: waymarkd [--config FILE] [--socket PATH] [--state FILE] [--trace-level N]\n"
-         "                [--cell-id N] [--check | --dry-run | --cleanup]\n";
+         "                [--cell-id N] [--ip-processes] [--check | --dry-run | --cleanup]\n";
 }
 
 std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::string* error) {
@@ -76,6 +77,8 @@ std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::st
       o.dryRun = true;
     } else if (arg == "--cleanup") {
       o.cleanup = true;
+    } else if (arg == "--ip-processes") {
+      o.ipProcesses = true;
     } else if (arg == "--config" && (v = value())) {
       o.config = *v;
     } else if (arg == "--socket" && (v = value())) {
@@ -168,10 +171,14 @@ bool Daemon::start(std::string* error) {
     kernelRunner_ = std::make_unique<PrintingCommandRunner>();
     kernelWriter_ = std::make_unique<PrintingIptablesWriter>();
   } else {
-    kernelRunner_ = std::make_unique<QuietCommandRunner>();
+    shellRunner_ = std::make_unique<QuietCommandRunner>();
+    if (!options_.ipProcesses) {
+      kernelRunner_ = std::make_unique<NetlinkCommandRunner>(shellRunner_.get());
+    }
   }
   plugin_ = Pbr::aclPluginFactory("waymark");
-  plugin_->init(Vix::make<Acl::PluginContext>(store_, kernelRunner_.get(), kernelWriter_.get()));
+  Pbr::CommandRunner* runner = kernelRunner_ ? kernelRunner_.get() : shellRunner_.get();
+  plugin_->init(Vix::make<Acl::PluginContext>(store_, runner, kernelWriter_.get()));
   applyTunables(model_.tunables);
 
   control_ = std::make_unique<ControlServer>(

@@ -36,6 +36,8 @@ struct DaemonOptions {
   bool check = false;
   bool dryRun = false;
   bool cleanup = false;
+  // One `ip` process per routing command instead of rtnetlink requests.
+  bool ipProcesses = false;
 };
 
 class Daemon {
@@ -75,6 +77,7 @@ class Daemon {
   std::unique_ptr<ControlServer> control_;
   // The ways to the kernel: quiet or printing runner; printing writer for a
   // dry run (null: the real iptables-restore).
+  std::unique_ptr<Pbr::CommandRunner> shellRunner_;
   std::unique_ptr<Pbr::CommandRunner> kernelRunner_;
   std::unique_ptr<AclUtils::IptablesWriter> kernelWriter_;
   Vix::Ptr<Pbr::AclPlugin> plugin_;

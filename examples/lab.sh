@@ -111,14 +111,22 @@ lab_send() {
   done
 }
 
-# Sends traffic and prints the hosts it reached.
+# Sends traffic and prints the hosts it reached. Sends in rounds until
+# something arrives: the first packets of a flow can be lost while neighbour
+# discovery runs, and UDP does not retransmit.
 lab_arrived() {
-  local fam=$1 proto=$2 port=$3 before=() host where="" i=0
+  local fam=$1 proto=$2 port=$3 before=() host where="" i round
   for host in nh1 nh2 dflt; do before+=("$(lab_seen $host "$fam")"); done
-  lab_send "$fam" "$proto" "$port"
-  for host in nh1 nh2 dflt; do
-    [ "$(lab_seen $host "$fam")" -gt "${before[$i]}" ] && where="$where $host"
-    i=$((i + 1))
+  for round in 1 2 3 4 5; do
+    lab_send "$fam" "$proto" "$port"
+    i=0
+    where=""
+    for host in nh1 nh2 dflt; do
+      [ "$(lab_seen $host "$fam")" -gt "${before[$i]}" ] && where="$where $host"
+      i=$((i + 1))
+    done
+    [ -n "$where" ] && break
+    sleep 0.2
   done
   echo "${where# }"
 }
