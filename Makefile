@@ -10,7 +10,7 @@ CTEST_ARGS ?=
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
            clang-format iproute2 iptables procps libyaml-cpp-dev nlohmann-json3-dev
 
-.PHONY: all deps build test bench demo clean format format-check
+.PHONY: all deps build test bench bench-scale demo clean format format-check
 
 all: build
 
@@ -38,6 +38,10 @@ bench: deps
 	  -DWAYMARK_BUILD_TESTS=OFF -DWAYMARK_BUILD_BENCH=ON
 	cmake --build $(BENCH_DIR) -j $(JOBS)
 	@for b in $(BENCH_DIR)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+# waymarkd at scale against the naive way and the limit (root; minutes).
+bench-scale: build
+	bash bench/scale.sh $(BUILD)
 
 demo: build
 	bash examples/demo.sh $(BUILD)

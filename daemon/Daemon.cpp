@@ -209,7 +209,9 @@ bool Daemon::start(std::string* error) {
 void Daemon::loop() {
   while (!stop_) {
     const double turn = monotonic();
-    Vix::activityManager().runDue();
+    // One timer per turn: each is bounded by its own time slice, and the
+    // loop serves its sockets between them.
+    Vix::activityManager().runDue(1);
     recordState();
     const double sleep = Vix::activityManager().sleepTime();
     itimerspec when{};

@@ -2,8 +2,9 @@
 // the framework clock's due work, a signalfd turns SIGHUP into a reload and
 // SIGTERM/SIGINT into a stop (the kernel stays programmed), the rtnetlink
 // listener feeds interface status, and the control socket answers status,
-// reload, set and idle requests. Each turn runs the due work once, then
-// waits; the longest turn is kept for the status.
+// reload, set and idle requests. Each turn runs one due timer (itself
+// bounded by its time slice), then waits; the longest turn is kept for the
+// status.
 //
 // Start-up: load and validate the configuration, dump links and addresses,
 // remove what an earlier run recorded in the state file, fill the state

@@ -7,6 +7,8 @@
 // for a VirtualTimeSource and call runDue() themselves.
 #pragma once
 
+#include <limits>
+
 #include "framework/Clock.h"
 #include "framework/Ptr.h"
 #include "framework/TimeSource.h"
@@ -22,8 +24,9 @@ class ActivityManager {
   // clock.
   void timeSourceIs(const TimeSource* source);
 
-  // Runs the timers that are due, each once; returns how many ran.
-  int runDue() const { return clock_->runDue(); }
+  // Runs the timers that are due, each once (at most `most` of them);
+  // returns how many ran.
+  int runDue(int most = std::numeric_limits<int>::max()) const { return clock_->runDue(most); }
   // Seconds the event loop may sleep before a timer is due: 0 when one is due,
   // kNever when none is armed.
   double sleepTime() const;

@@ -10,11 +10,11 @@ double Clock::timeMinEarliest() const {
   return earliest;
 }
 
-int Clock::runDue() const {
+int Clock::runDue(int most) const {
   const double t = now();
   int fired = 0;
   notify<NotifieeConst>([&](NotifieeConst& n) {
-    if (n.timeMin() > t) return;
+    if (n.timeMin() > t || fired >= most) return;
     n.timeMinIs(kNever);
     ++fired;
     n.onTime();

@@ -32,8 +32,9 @@ class Clock : public Entity {
   // The earliest wake-up time of the registered timers; kNever when none wants
   // one.
   double timeMinEarliest() const;
-  // Fires every timer that is due now, each at most once; returns how many.
-  int runDue() const;
+  // Fires the timers that are due now, each at most once and at most `most`
+  // of them; returns how many.
+  int runDue(int most = std::numeric_limits<int>::max()) const;
 
  private:
   const TimeSource* source_;

@@ -76,6 +76,17 @@ TEST_F(ClockTest, AParkedTimerIsNotWokenWhenAnotherIsArmed) {
   EXPECT_EQ(timer->fired, 0);
 }
 
+TEST_F(ClockTest, AtMostTheAskedNumberOfDueTimersRunPerPass) {
+  const Vix::Ptr<Timer> other = Vix::make<Timer>();
+  other->notifierIs(Vix::activityManager().clock());
+  timer->timeMinIs(Vix::now());
+  other->timeMinIs(Vix::now());
+  EXPECT_EQ(Vix::activityManager().runDue(1), 1);
+  EXPECT_EQ(timer->fired + other->fired, 1);
+  EXPECT_EQ(Vix::activityManager().runDue(1), 1);
+  EXPECT_EQ(timer->fired + other->fired, 2);
+}
+
 TEST_F(ClockTest, AVirtualClockGivesBackThePreviousTimeSource) {
   {
     VirtualClock inner(5.0);

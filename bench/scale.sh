@@ -1,0 +1,175 @@
+#!/usr/bin/env bash
+# waymark's scale benchmark: waymarkd against the naive way and the limit,
+# in one run and one private network namespace per size.
+#
+# For each size (S sub-rules over 10 policies and N nexthops, IPv4 and IPv6
+# classes mixed) it measures, for waymarkd: the time from start to idle
+# (every rule and route checked by reading the kernel back), the longest
+# event-loop turn, CPU time, peak RSS, and a reload that changes one class's
+# nexthops. In the same namespace it measures the limit (every line in one
+# iptables-restore per family, every routing command in one `ip -batch`) and
+# the naive way (one iptables process per line, one ip process per command)
+# on samples, because running it whole would take hours at the large sizes:
+# its totals are estimated from per-line and per-command costs measured at
+# the start and at the end of the table, and are marked as estimates.
+#
+# Usage: bench/scale.sh BUILD_DIR [SIZES...]   sizes as S:N, default 1000:10 10000:100 50000:1000
+# Prints a table; writes bench-scale.tsv in the current directory. Needs root.
+set -uo pipefail
+BUILD=${1:-build}; shift || true
+SIZES=${*:-"1000:10 10000:100 50000:1000"}
+WAYMARKD=$BUILD/daemon/waymarkd
+WAYMARKCTL=$BUILD/cli/waymarkctl
+NS=wmscale$$
+RUN=/run/waymark-scale-$$
+OUT=bench-scale.tsv
+[ "$(id -u)" = 0 ] || { echo "scale benchmark: needs root"; exit 0; }
+mkdir -p "$RUN"
+DAEMON=
+cleanup() {
+  [ -n "$DAEMON" ] && kill "$DAEMON" 2>/dev/null && wait "$DAEMON" 2>/dev/null
+  ip netns del "$NS" 2>/dev/null
+  rm -rf "$RUN"
+}
+trap cleanup EXIT
+
+in_ns() { ip netns exec "$NS" "$@"; }
+now() { date +%s.%N; }
+elapsed() { echo "$2 - $1" | bc -l; }
+
+# The n-th nexthop: IPv4 from 198.51.100.0/24 and 203.0.113.0/24 for even n,
+# IPv6 from 2001:db8:1::/64 for odd n.
+nexthop() {
+  local n=$1 k=$(( $1 / 2 ))
+  if [ $((n % 2)) = 0 ]; then
+    if [ $k -lt 250 ]; then echo "198.51.100.$((k + 2))"; else echo "203.0.113.$((k - 248))"; fi
+  else
+    printf '2001:db8:1::%x\n' $((k + 2))
+  fi
+}
+
+# A configuration of S sub-rules (10 rules per class) over 10 policies and N
+# nexthops; each class forwards to two nexthops of its family.
+generate() {
+  local s=$1 n=$2 classes=$(( $1 / 10 )) c r fam
+  {
+    echo "access-lists:"
+    for c in $(seq 0 $((classes - 1))); do
+      fam=$((c % 2))
+      if [ $fam = 0 ]; then echo "  l$c:"; else echo "  l$c:"; echo "    ipv6: true"; echo "    rules:"; fi
+      for r in $(seq 0 9); do
+        [ $fam = 0 ] && echo "    - permit tcp any any eq $((1000 + c % 60000 + r))" \
+                     || echo "      - permit udp any any eq $((1000 + c % 60000 + r))"
+      done
+    done
+    echo "class-maps:"
+    for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
+    echo "policy-maps:"
+    for p in $(seq 0 9); do
+      echo "  p$p:"
+      for c in $(seq "$p" 10 $((classes - 1))); do
+        fam=$((c % 2))
+        a=$(( (c * 2) % n )); [ $((a % 2)) != $fam ] && a=$(( (a + 1) % n ))
+        b=$(( (a + 2) % n ))
+        echo "    - class: c$c"
+        echo "      nexthops: ['$(nexthop $a)', '$(nexthop $b)']"
+      done
+    done
+    echo "interfaces:"
+    for p in $(seq 0 9); do echo "  in$p: p$p"; done
+  } > "$3"
+}
+
+setup_ns() {
+  ip netns del "$NS" 2>/dev/null
+  ip netns add "$NS"
+  in_ns ip link set lo up
+  in_ns ip link add nh0 type veth peer name nh1
+  in_ns ip link set nh0 up; in_ns ip link set nh1 up
+  in_ns ip addr add 198.51.100.1/24 dev nh0
+  in_ns ip addr add 203.0.113.1/24 dev nh0
+  in_ns ip -6 addr add 2001:db8:1::1/64 dev nh0 nodad
+}
+
+kernel_lines() { in_ns sh -c 'iptables -t mangle -S; ip6tables -t mangle -S' | grep -c '^-A PBR_'; }
+kernel_rules() { in_ns sh -c 'ip rule; ip -6 rule' | grep -c fwmark; }
+
+printf 'size\tsubrules\tnexthops\twaymarkd_s\tlongest_turn_s\tcpu_s\tpeak_rss_kb\treload_s\tlimit_s\tnaive_s_est\n' > "$OUT"
+for size in $SIZES; do
+  S=${size%%:*}; N=${size##*:}
+  generate "$S" "$N" "$RUN/scale.yaml"
+  setup_ns
+  # waymarkd from start to idle, checked against the kernel.
+  t0=$(now)
+  ip netns exec "$NS" "$WAYMARKD" --config "$RUN/scale.yaml" --socket "$RUN/s.sock" \
+    --state "$RUN/state.json" --trace-level 0 >"$RUN/d.log" 2>&1 &
+  DAEMON=$!
+  for _ in $(seq 200); do [ -S "$RUN/s.sock" ] && break; sleep 0.02; done
+  "$WAYMARKCTL" --socket "$RUN/s.sock" wait-idle --timeout 3600 >/dev/null
+  t1=$(now)
+  lines=$(kernel_lines); rules=$(kernel_rules)
+  turn=$("$WAYMARKCTL" --socket "$RUN/s.sock" counters | awk '$2 == "longestLoopTurn" {print $3}')
+  cpu=$(awk '{printf "%.2f", ($14 + $15) / 100}' /proc/$DAEMON/stat)
+  rss=$(awk '/VmHWM/ {print $2}' /proc/$DAEMON/status)
+  # A reload that changes one class's nexthops.
+  sed -i "0,/nexthops: \['\([^']*\)', '\([^']*\)'\]/s//nexthops: ['\2', '\1']/" "$RUN/scale.yaml"
+  r0=$(now)
+  "$WAYMARKCTL" --socket "$RUN/s.sock" reload >/dev/null
+  "$WAYMARKCTL" --socket "$RUN/s.sock" wait-idle --timeout 600 >/dev/null
+  r1=$(now)
+  [ "$lines" = $((2 * S)) ] || echo "size $size: $lines rules in the kernel, expected $((2 * S))"
+  [ "$rules" = "$N" ] || echo "size $size: $rules ip rules in the kernel, expected $N"
+
+  # The final state waymarkd reached, as the limit loads it: the mangle
+  # tables as iptables-save prints them (restorable), and each nexthop's
+  # route and rule as one `ip -batch`.
+  in_ns iptables-save -t mangle > "$RUN/v4.save"
+  in_ns ip6tables-save -t mangle > "$RUN/v6.save"
+  { in_ns ip rule | awk '/fwmark/ {sub(":", "", $1); print "rule add priority", $1, "fwmark", $5, "lookup", $7}'
+    in_ns ip -6 rule | awk '/fwmark/ {sub(":", "", $1); print "-6 rule add priority", $1, "fwmark", $5, "lookup", $7}'
+    for t in $(in_ns ip rule | awk '/fwmark/ {print $7}'); do
+      in_ns ip route show table "$t" | awk -v t="$t" '{print "route add default via", $3, "table", t}'
+    done
+    for t in $(in_ns ip -6 rule | awk '/fwmark/ {print $7}'); do
+      in_ns ip -6 route show table "$t" | awk -v t="$t" '{print "-6 route add default via", $3, "table", t}'
+    done
+  } > "$RUN/ip.batch"
+  grep -- '^-A' "$RUN/v4.save" > "$RUN/v4.lines"
+  grep -- '^-A' "$RUN/v6.save" > "$RUN/v6.lines"
+  kill "$DAEMON"; wait "$DAEMON" 2>/dev/null; DAEMON=
+  setup_ns
+  l0=$(now)
+  in_ns iptables-restore -w < "$RUN/v4.save"
+  in_ns ip6tables-restore -w < "$RUN/v6.save"
+  in_ns ip -force -batch "$RUN/ip.batch"
+  l1=$(now)
+  [ "$(kernel_lines)" = $((2 * S)) ] && [ "$(kernel_rules)" = "$N" ] ||
+    echo "size $size: the limit did not load everything"
+  l1=$l1
+  l1=$(now)
+
+  # The naive way, sampled: 200 lines at the start and 200 at the end of the
+  # table, 200 routing commands; totals are estimated from them.
+  setup_ns
+  cp "$RUN/v4.lines" "$RUN/v4.appends"
+  { echo '*mangle'; grep -E '^:(PBR_|TAMBRO_)' "$RUN/v4.save"; echo COMMIT; } |
+    in_ns iptables-restore --noflush -w
+  head -200 "$RUN/v4.appends" | sed 's/^/iptables -w -t mangle /' > "$RUN/naive.head"
+  n0=$(now); in_ns sh "$RUN/naive.head"; n1=$(now)
+  { echo '*mangle'; cat "$RUN/v4.appends"; echo COMMIT; } | in_ns iptables-restore --noflush -w
+  tail -200 "$RUN/v4.appends" | sed 's/^/iptables -w -t mangle /' > "$RUN/naive.tail"
+  n2=$(now); in_ns sh "$RUN/naive.tail"; n3=$(now)
+  head -200 "$RUN/ip.batch" | sed 's/^/ip /' > "$RUN/naive.ip"
+  n4=$(now); in_ns sh "$RUN/naive.ip" >/dev/null 2>&1; n5=$(now)
+  per_line_start=$(echo "($n1 - $n0) / $(wc -l < "$RUN/naive.head")" | bc -l)
+  per_line_end=$(echo "($n3 - $n2) / $(wc -l < "$RUN/naive.tail")" | bc -l)
+  per_cmd=$(echo "($n5 - $n4) / $(wc -l < "$RUN/naive.ip")" | bc -l)
+  total_lines=$(cat "$RUN/v4.lines" "$RUN/v6.lines" | wc -l)
+  naive=$(echo "($per_line_start + $per_line_end) / 2 * $total_lines + $per_cmd * $(wc -l < "$RUN/ip.batch")" | bc -l)
+
+  printf '%s\t%s\t%s\t%.2f\t%s\t%s\t%s\t%.2f\t%.2f\t%.0f\n' "$size" "$S" "$N" \
+    "$(elapsed "$t0" "$t1")" "$turn" "$cpu" "$rss" "$(elapsed "$r0" "$r1")" \
+    "$(elapsed "$l0" "$l1")" "$naive" >> "$OUT"
+done
+ip netns del "$NS" 2>/dev/null
+column -t -s $'\t' "$OUT"
