@@ -126,14 +126,16 @@ for size in $SIZES; do
   in_ns iptables-save -t mangle > "$RUN/v4.save"
   in_ns ip6tables-save -t mangle > "$RUN/v6.save"
   { in_ns ip rule | awk '/fwmark/ {sub(":", "", $1); print "rule add priority", $1, "fwmark", $5, "lookup", $7}'
-    in_ns ip -6 rule | awk '/fwmark/ {sub(":", "", $1); print "-6 rule add priority", $1, "fwmark", $5, "lookup", $7}'
     for t in $(in_ns ip rule | awk '/fwmark/ {print $7}'); do
       in_ns ip route show table "$t" | awk -v t="$t" '{print "route add default via", $3, "table", t}'
     done
-    for t in $(in_ns ip -6 rule | awk '/fwmark/ {print $7}'); do
-      in_ns ip -6 route show table "$t" | awk -v t="$t" '{print "-6 route add default via", $3, "table", t}'
-    done
   } > "$RUN/ip.batch"
+  # ip -batch takes no family option per line: IPv6 goes in a batch of its own.
+  { in_ns ip -6 rule | awk '/fwmark/ {sub(":", "", $1); print "rule add priority", $1, "fwmark", $5, "lookup", $7}'
+    for t in $(in_ns ip -6 rule | awk '/fwmark/ {print $7}'); do
+      in_ns ip -6 route show table "$t" | awk -v t="$t" '{print "route add default via", $3, "table", t}'
+    done
+  } > "$RUN/ip6.batch"
   grep -- '^-A' "$RUN/v4.save" > "$RUN/v4.lines"
   grep -- '^-A' "$RUN/v6.save" > "$RUN/v6.lines"
   kill "$DAEMON"; wait "$DAEMON" 2>/dev/null; DAEMON=
@@ -142,6 +144,7 @@ for size in $SIZES; do
   in_ns iptables-restore -w < "$RUN/v4.save"
   in_ns ip6tables-restore -w < "$RUN/v6.save"
   in_ns ip -force -batch "$RUN/ip.batch"
+  in_ns ip -6 -force -batch "$RUN/ip6.batch"
   l1=$(now)
   [ "$(kernel_lines)" = $((2 * S)) ] && [ "$(kernel_rules)" = "$N" ] ||
     echo "size $size: the limit did not load everything"
@@ -165,7 +168,7 @@ for size in $SIZES; do
   per_line_end=$(echo "($n3 - $n2) / $(wc -l < "$RUN/naive.tail")" | bc -l)
   per_cmd=$(echo "($n5 - $n4) / $(wc -l < "$RUN/naive.ip")" | bc -l)
   total_lines=$(cat "$RUN/v4.lines" "$RUN/v6.lines" | wc -l)
-  naive=$(echo "($per_line_start + $per_line_end) / 2 * $total_lines + $per_cmd * $(wc -l < "$RUN/ip.batch")" | bc -l)
+  naive=$(echo "($per_line_start + $per_line_end) / 2 * $total_lines + $per_cmd * $(cat "$RUN/ip.batch" "$RUN/ip6.batch" | wc -l)" | bc -l)
 
   printf '%s\t%s\t%s\t%.2f\t%s\t%s\t%s\t%.2f\t%.2f\t%.0f\n' "$size" "$S" "$N" \
     "$(elapsed "$t0" "$t1")" "$turn" "$cpu" "$rss" "$(elapsed "$r0" "$r1")" \
