@@ -103,13 +103,15 @@ int main() {
     Waymark::NetlinkCommandRunner executor(&shell);
     netlink = &executor;
     viaNetlink = {program(executor, 1), count("ip rule | grep -c fwmark")};
-    std::printf("one ip process per command: %d nexthops in %.2f s (%.2f ms each, %ld rules "
-                "read back)\n",
-                kNexthops, processes, processes * 1e3 / kNexthops, rulesAfterShell);
-    std::printf("rtnetlink executor:         %d nexthops in %.3f s (%.1f us each, %ld rules read "
-                "back, %u requests, %u through the shell)\n",
-                kNexthops, viaNetlink.first, viaNetlink.first * 1e6 / kNexthops, viaNetlink.second,
-                netlink->requests(), netlink->fallbacks());
+    std::printf(
+        "one ip process per command: %d nexthops in %.2f s (%.2f ms each, %ld rules "
+        "read back)\n",
+        kNexthops, processes, processes * 1e3 / kNexthops, rulesAfterShell);
+    std::printf(
+        "rtnetlink executor:         %d nexthops in %.3f s (%.1f us each, %ld rules read "
+        "back, %u requests, %u through the shell)\n",
+        kNexthops, viaNetlink.first, viaNetlink.first * 1e6 / kNexthops, viaNetlink.second,
+        netlink->requests(), netlink->fallbacks());
   }
   std::printf("ratio: %.0fx\n", processes / viaNetlink.first);
   return rulesAfterShell == kNexthops && viaNetlink.second == kNexthops ? 0 : 1;
