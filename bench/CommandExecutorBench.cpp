@@ -8,8 +8,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
+#include "bench/PrivateNamespace.h"
 #include "daemon/NetlinkCommandRunner.h"
 #include "daemon/QuietCommandRunner.h"
 #include "nexthop/NexthopTableManager.h"
@@ -18,32 +20,6 @@
 namespace {
 
 constexpr int kNexthops = 1000;
-
-class Namespace {
- public:
-  Namespace() : name_("wmexec-" + std::to_string(getpid())) {
-    original_ = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (std::system(("ip netns add " + name_).c_str()) != 0) return;
-    const int fd = open(("/run/netns/" + name_).c_str(), O_RDONLY | O_CLOEXEC);
-    ok_ = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
-    if (fd >= 0) close(fd);
-  }
-  ~Namespace() {
-    if (original_ >= 0) {
-      if (setns(original_, CLONE_NEWNET) != 0) std::perror("setns");
-      close(original_);
-    }
-    if (std::system(("ip netns del " + name_ + " 2>/dev/null").c_str()) != 0) {
-      std::fprintf(stderr, "could not delete namespace %s\n", name_.c_str());
-    }
-  }
-  bool ok() const { return ok_; }
-
- private:
-  std::string name_;
-  int original_ = -1;
-  bool ok_ = false;
-};
 
 double now() {
   timespec ts{};
@@ -68,17 +44,32 @@ double program(Pbr::CommandRunner& runner, uint32_t firstHost) {
   return now() - start;
 }
 
-// Programs the nexthops in a fresh namespace of their own; the seconds it
-// took, and the fwmark rules the kernel then holds.
-std::pair<double, long> programInFreshNamespace(Pbr::CommandRunner& runner) {
-  Namespace ns;
-  if (!ns.ok()) return {0, -1};
-  if (std::system("ip link add wm0 type veth peer name wm1 && ip link set wm0 up && "
-                  "ip link set wm1 up && ip addr add 198.18.255.254/16 dev wm0") != 0) {
-    return {0, -1};
+struct Run {
+  double seconds = 0;
+  long rules = -1;  // fwmark rules the kernel holds afterwards
+  uint32_t requests = 0;
+  uint32_t fallbacks = 0;
+};
+
+// Programs the nexthops in a fresh namespace of their own, through the
+// runner `make` builds there (the executor's socket must be opened inside
+// the namespace it serves).
+template <class MakeRunner>
+Run programInFreshNamespace(MakeRunner make) {
+  waymark::bench::PrivateNamespace ns("wmexec");
+  if (!ns.ok() || std::system("ip link add wm0 type veth peer name wm1 && ip link set wm0 up && "
+                              "ip link set wm1 up && ip addr add 198.18.255.254/16 dev wm0") != 0) {
+    return {};
   }
-  const double seconds = program(runner, 1);
-  return {seconds, count("ip rule | grep -c fwmark")};
+  auto runner = make();
+  Run run;
+  run.seconds = program(*runner, 1);
+  run.rules = count("ip rule | grep -c fwmark");
+  if (const auto* executor = dynamic_cast<const Waymark::NetlinkCommandRunner*>(runner.get())) {
+    run.requests = executor->requests();
+    run.fallbacks = executor->fallbacks();
+  }
+  return run;
 }
 
 }  // namespace
@@ -89,30 +80,18 @@ int main() {
     return 0;
   }
   Waymark::QuietCommandRunner shell;
-  const auto [processes, rulesAfterShell] = programInFreshNamespace(shell);
-  Waymark::NetlinkCommandRunner* netlink = nullptr;
-  std::pair<double, long> viaNetlink;
-  {
-    // The executor's socket must be opened inside the namespace it serves.
-    Namespace ns;
-    if (!ns.ok() ||
-        std::system("ip link add wm0 type veth peer name wm1 && ip link set wm0 up && "
-                    "ip link set wm1 up && ip addr add 198.18.255.254/16 dev wm0") != 0) {
-      return 1;
-    }
-    Waymark::NetlinkCommandRunner executor(&shell);
-    netlink = &executor;
-    viaNetlink = {program(executor, 1), count("ip rule | grep -c fwmark")};
-    std::printf(
-        "one ip process per command: %d nexthops in %.2f s (%.2f ms each, %ld rules "
-        "read back)\n",
-        kNexthops, processes, processes * 1e3 / kNexthops, rulesAfterShell);
-    std::printf(
-        "rtnetlink executor:         %d nexthops in %.3f s (%.1f us each, %ld rules read "
-        "back, %u requests, %u through the shell)\n",
-        kNexthops, viaNetlink.first, viaNetlink.first * 1e6 / kNexthops, viaNetlink.second,
-        netlink->requests(), netlink->fallbacks());
-  }
-  std::printf("ratio: %.0fx\n", processes / viaNetlink.first);
-  return rulesAfterShell == kNexthops && viaNetlink.second == kNexthops ? 0 : 1;
+  const Run processes =
+      programInFreshNamespace([] { return std::make_unique<Waymark::QuietCommandRunner>(); });
+  const Run netlink = programInFreshNamespace(
+      [&] { return std::make_unique<Waymark::NetlinkCommandRunner>(&shell); });
+  std::printf(
+      "one ip process per command: %d nexthops in %.2f s (%.2f ms each, %ld rules read back)\n",
+      kNexthops, processes.seconds, processes.seconds * 1e3 / kNexthops, processes.rules);
+  std::printf(
+      "rtnetlink executor:         %d nexthops in %.3f s (%.1f us each, %ld rules read back, "
+      "%u requests, %u through the shell)\n",
+      kNexthops, netlink.seconds, netlink.seconds * 1e6 / kNexthops, netlink.rules,
+      netlink.requests, netlink.fallbacks);
+  std::printf("ratio: %.0fx\n", processes.seconds / netlink.seconds);
+  return processes.rules == kNexthops && netlink.rules == kNexthops ? 0 : 1;
 }

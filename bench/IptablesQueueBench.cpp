@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/PrivateNamespace.h"
 #include "framework/ActivityManager.h"
 #include "framework/TimeSource.h"
 #include "iptables/AclTypeData.h"
@@ -27,33 +28,6 @@ namespace {
 
 constexpr int kSubRules = 50000;
 constexpr int kNaiveRules = 1000;
-
-// A namespace of our own for the life of the run.
-class Namespace {
- public:
-  Namespace() : name_("wmbench-" + std::to_string(getpid())) {
-    original_ = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (std::system(("ip netns add " + name_).c_str()) != 0) return;
-    const int fd = open(("/run/netns/" + name_).c_str(), O_RDONLY | O_CLOEXEC);
-    ok_ = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
-    if (fd >= 0) close(fd);
-  }
-  ~Namespace() {
-    if (original_ >= 0) {
-      if (setns(original_, CLONE_NEWNET) != 0) std::perror("setns");
-      close(original_);
-    }
-    if (std::system(("ip netns del " + name_ + " 2>/dev/null").c_str()) != 0) {
-      std::fprintf(stderr, "could not delete namespace %s\n", name_.c_str());
-    }
-  }
-  bool ok() const { return ok_; }
-
- private:
-  std::string name_;
-  int original_ = -1;
-  bool ok_ = false;
-};
 
 std::string match(int i) {
   return "-p tcp -s 10." + std::to_string(i / 256 % 256) + "." + std::to_string(i % 256) +
@@ -69,7 +43,7 @@ int main() {
     std::printf("iptables queue benchmark: needs root (network namespaces); not run\n");
     return 0;
   }
-  Namespace ns;
+  waymark::bench::PrivateNamespace ns("wmbench");
   if (!ns.ok()) {
     std::printf("iptables queue benchmark: cannot create a network namespace; not run\n");
     return 1;

@@ -76,8 +76,9 @@ class Daemon {
   std::unique_ptr<NetlinkListener> netlink_;
   std::unique_ptr<ConfigApplier> applier_;
   std::unique_ptr<ControlServer> control_;
-  // The ways to the kernel: quiet or printing runner; printing writer for a
-  // dry run (null: the real iptables-restore).
+  // The ways to the kernel: the shell runner, and in front of it the
+  // rtnetlink executor (or, for a dry run, the printing runner); the
+  // printing writer for a dry run (null: the real iptables-restore).
   std::unique_ptr<Pbr::CommandRunner> shellRunner_;
   std::unique_ptr<Pbr::CommandRunner> kernelRunner_;
   std::unique_ptr<AclUtils::IptablesWriter> kernelWriter_;

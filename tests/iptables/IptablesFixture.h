@@ -12,6 +12,7 @@
 #include "platform/AclConfig.h"
 #include "platform/AclRuleParser.h"
 #include "plugin/ClassCommonData.h"
+#include "tests/support/AccessLists.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/RecordingIptablesWriter.h"
 #include "tests/support/TraceCapture.h"
@@ -35,17 +36,7 @@ class IptablesTest : public ::testing::Test {
   // An access list of `rules` in the configuration grammar.
   void accessList(const std::string& name, const std::vector<std::string>& rules,
                   bool ipv6 = false) {
-    auto list = Vix::make<Acl::AccessList>(name, ipv6);
-    Acl::AccessList::Rules parsed;
-    uint32_t seq = 0;
-    for (const auto& text : rules) {
-      Acl::AclRuleConfig rule = Acl::AclRuleParser::parse(text, ipv6);
-      seq = rule.seqNo != 0 ? rule.seqNo : seq + 10;
-      rule.seqNo = seq;
-      parsed.emplace(seq, rule);
-    }
-    list->rulesIs(parsed);
-    aclConfig->accessListIs(list);
+    aclConfig->accessListIs(accessListOf(name, rules, ipv6));
   }
   PolicyData policy(const std::string& name, const std::vector<std::string>& intfs = {}) {
     auto data = Vix::make<PolicyMap::PolicyMapSmCommonData>(PolicyMap::PolicyMapSmKey(name));

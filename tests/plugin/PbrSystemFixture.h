@@ -15,6 +15,7 @@
 #include "plugin/AclPlugin.h"
 #include "plugin/ClassCommonData.h"
 #include "plugin/StateDatabase.h"
+#include "tests/support/AccessLists.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/RecordingIptablesWriter.h"
 #include "tests/support/TraceCapture.h"
@@ -50,17 +51,7 @@ class PbrSystemTest : public ::testing::Test {
 
   void accessList(const std::string& name, const std::vector<std::string>& rules,
                   bool ipv6 = false) {
-    auto list = Vix::make<Acl::AccessList>(name, ipv6);
-    Acl::AccessList::Rules parsed;
-    uint32_t seq = 0;
-    for (const auto& text : rules) {
-      auto rule = Acl::AclRuleParser::parse(text, ipv6);
-      seq = rule.seqNo != 0 ? rule.seqNo : seq + 10;
-      rule.seqNo = seq;
-      parsed.emplace(seq, rule);
-    }
-    list->rulesIs(parsed);
-    aclConfig->accessListIs(list);
+    aclConfig->accessListIs(accessListOf(name, rules, ipv6));
   }
   void classMap(const std::string& name, const std::vector<std::string>& lists) {
     pbrConfig->classMapTypeConfig()->classMapIs(
