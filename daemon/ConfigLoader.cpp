@@ -75,6 +75,12 @@ class Reader {
     }
     return d;
   }
+  CommandExecutor executor(const YAML::Node& n, const std::string& what) const {
+    const std::string v = scalar(n, what);
+    if (v == "shell") return CommandExecutor::shell;
+    if (v == "netlink") return CommandExecutor::netlink;
+    fail(n, what + " must be shell or netlink, not " + Vix::quoted(v));
+  }
   uint32_t count(const YAML::Node& n, const std::string& what, uint32_t low, uint32_t high) const {
     const std::string v = scalar(n, what);
     char* end = nullptr;
@@ -94,11 +100,12 @@ void readTunables(Reader& r, const YAML::Node& node, Tunables& t) {
   for (const auto& [key, value] :
        r.entries(node, "tunables",
                  {"nexthop-programming-time-limit", "rules-per-invocation",
-                  "rule-programming-time-limit"})) {
+                  "rule-programming-time-limit", "command-executor"})) {
     const std::string k = key.Scalar();
     if (k == "nexthop-programming-time-limit") t.nexthopProgrammingTimeLimit = r.seconds(value, k);
     if (k == "rule-programming-time-limit") t.ruleProgrammingTimeLimit = r.seconds(value, k);
     if (k == "rules-per-invocation") t.rulesPerInvocation = r.count(value, k, 1, 100000);
+    if (k == "command-executor") t.commandExecutor = r.executor(value, k);
   }
 }
 

@@ -15,10 +15,15 @@
 
 namespace Waymark {
 
+// How routing commands reach the kernel: each as an `ip` process through the
+// shell, or carried out in-process as rtnetlink requests.
+enum class CommandExecutor { shell, netlink };
+
 struct Tunables {
   double nexthopProgrammingTimeLimit = 0.5;
   uint32_t rulesPerInvocation = 300;
   double ruleProgrammingTimeLimit = 0.5;
+  CommandExecutor commandExecutor = CommandExecutor::shell;
   bool operator==(const Tunables&) const = default;
 };
 

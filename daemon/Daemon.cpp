@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <sstream>
 
 #include "daemon/ConfigLoader.h"
@@ -58,7 +59,7 @@ bool parseNumber(const std::string& text, double low, double high, double* out) 
 
 const char* Daemon::usage() {
   return "usage: waymarkd [--config FILE] [--socket PATH] [--state FILE] [--trace-level N]\n"
-         "                [--cell-id N] [--ip-processes] [--check | --dry-run | --cleanup]\n";
+         "                [--cell-id N] [--check | --dry-run | --cleanup]\n";
 }
 
 std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::string* error) {
@@ -77,8 +78,6 @@ std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::st
       o.dryRun = true;
     } else if (arg == "--cleanup") {
       o.cleanup = true;
-    } else if (arg == "--ip-processes") {
-      o.ipProcesses = true;
     } else if (arg == "--config" && (v = value())) {
       o.config = *v;
     } else if (arg == "--socket" && (v = value())) {
@@ -165,21 +164,21 @@ bool Daemon::start(std::string* error) {
   Pbr::fillStateDatabase(*store_, {pbrConfig_, Vix::make<PolicyMap::PolicyMapTypeStatus>(),
                                    aclConfig_, ipStatus_, ip6Status_});
   applier_ = std::make_unique<ConfigApplier>(pbrConfig_, aclConfig_);
-  applier_->apply(model_);
+  warmStart_ = std::make_unique<WarmStart>(*applier_);
+  warmStart_->prepare(model_);
 
   if (options_.dryRun) {
-    kernelRunner_ = std::make_unique<PrintingCommandRunner>();
+    shellRunner_ = std::make_unique<PrintingCommandRunner>();
     kernelWriter_ = std::make_unique<PrintingIptablesWriter>();
   } else {
     shellRunner_ = std::make_unique<QuietCommandRunner>();
-    if (!options_.ipProcesses) {
-      kernelRunner_ = std::make_unique<NetlinkCommandRunner>(shellRunner_.get());
-    }
+    netlinkRunner_ = std::make_unique<NetlinkCommandRunner>(shellRunner_.get());
   }
   plugin_ = Pbr::aclPluginFactory("waymark");
-  Pbr::CommandRunner* runner = kernelRunner_ ? kernelRunner_.get() : shellRunner_.get();
-  plugin_->init(Vix::make<Acl::PluginContext>(store_, runner, kernelWriter_.get()));
+  plugin_->init(Vix::make<Acl::PluginContext>(store_, commandRunner(model_.tunables),
+                                              kernelWriter_.get()));
   applyTunables(model_.tunables);
+  warmStart_->begin(plugin_->nexthopTableManager(), model_);
 
   control_ = std::make_unique<ControlServer>(
       [this](const nlohmann::json& request) { return handleRequest(request); });
@@ -212,6 +211,7 @@ void Daemon::loop() {
     // One timer per turn: each is bounded by its own time slice, and the
     // loop serves its sockets between them.
     Vix::activityManager().runDue(1);
+    warmStart_->finish(model_, false);
     recordState();
     const double sleep = Vix::activityManager().sleepTime();
     itimerspec when{};
@@ -256,13 +256,22 @@ std::string Daemon::reload() {
     lastReloadError_ = e.what();
     return lastReloadError_;
   }
+  warmStart_->finish(model_, true);
   applier_->apply(model_);
   applyTunables(model_.tunables);
   lastReloadError_.clear();
   return "";
 }
 
+bool Daemon::idle() const { return !warmStart_->warming() && StatusReport::idle(*plugin_); }
+
+Pbr::CommandRunner* Daemon::commandRunner(const Tunables& t) const {
+  if (t.commandExecutor == CommandExecutor::netlink && netlinkRunner_) return netlinkRunner_.get();
+  return shellRunner_.get();
+}
+
 void Daemon::applyTunables(const Tunables& t) {
+  plugin_->nexthopTableManager()->commandRunnerIs(commandRunner(t));
   plugin_->nexthopTableManager()->nexthopProgrammingTimeLimitIs(t.nexthopProgrammingTimeLimit);
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
     const auto typeData = plugin_->aclHelper()->aclTypeDataIs(option);
@@ -281,10 +290,12 @@ std::string Daemon::setTunable(const std::string& name, const std::string& value
   } else if (name == "rules-per-invocation" && parseNumber(value, 1, 100000, &v) &&
              v == std::floor(v)) {
     t.rulesPerInvocation = static_cast<uint32_t>(v);
+  } else if (name == "command-executor" && (value == "shell" || value == "netlink")) {
+    t.commandExecutor = value == "shell" ? CommandExecutor::shell : CommandExecutor::netlink;
   } else {
     return "unknown tunable or value out of range: " + name + " " + value +
            " (nexthop-programming-time-limit and rule-programming-time-limit take 0 to 3600 "
-           "seconds, rules-per-invocation 1 to 100000)";
+           "seconds, rules-per-invocation 1 to 100000, command-executor shell or netlink)";
   }
   model_.tunables = t;
   applyTunables(t);
@@ -295,12 +306,18 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
   const std::string command = request.value("command", "");
   if (command == "status") {
     nlohmann::json status = StatusReport::build(*plugin_);
+    status["idle"] = idle();
     status["daemon"] = {{"config", options_.config},
                         {"longestLoopTurn", longestTurn_},
                         {"reloads", reloads_},
                         {"reloadsFailed", reloadsFailed_},
                         {"lastReloadError", lastReloadError_},
                         {"netlinkRedumps", netlink_->redumps()},
+                        {"commandExecutor", model_.tunables.commandExecutor ==
+                                                    CommandExecutor::netlink
+                                                ? "netlink"
+                                                : "shell"},
+                        {"startingUp", warmStart_->warming()},
                         {"dryRun", options_.dryRun}};
     return status;
   }
@@ -312,7 +329,7 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
     const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
     return {{"ok", error.empty()}, {"error", error}};
   }
-  if (command == "idle") return {{"idle", StatusReport::idle(*plugin_)}};
+  if (command == "idle") return {{"idle", idle()}};
   return {{"ok", false}, {"error", "unknown command '" + command + "'"}};
 }
 

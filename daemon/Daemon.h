@@ -8,7 +8,8 @@
 //
 // Start-up: load and validate the configuration, dump links and addresses,
 // remove what an earlier run recorded in the state file, fill the state
-// database, create and initialise the plug-in, run.
+// database, create and initialise the plug-in, run; the policies follow once
+// their nexthops are programmed (WarmStart).
 #pragma once
 
 #include <memory>
@@ -22,6 +23,7 @@
 #include "daemon/ControlServer.h"
 #include "daemon/NetlinkListener.h"
 #include "daemon/StateFile.h"
+#include "daemon/WarmStart.h"
 #include "nexthop/CommandRunner.h"
 #include "platform/IptablesManager.h"
 #include "plugin/AclPlugin.h"
@@ -37,8 +39,6 @@ struct DaemonOptions {
   bool check = false;
   bool dryRun = false;
   bool cleanup = false;
-  // One `ip` process per routing command instead of rtnetlink requests.
-  bool ipProcesses = false;
 };
 
 class Daemon {
@@ -61,9 +61,11 @@ class Daemon {
   std::string reload();
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
+  Pbr::CommandRunner* commandRunner(const Tunables& t) const;
   void recordState();
   void cleanupKernel();
   void runQuietly(const std::string& command);
+  bool idle() const;
 
   DaemonOptions options_;
   ConfigModel model_;
@@ -76,13 +78,15 @@ class Daemon {
   std::unique_ptr<NetlinkListener> netlink_;
   std::unique_ptr<ConfigApplier> applier_;
   std::unique_ptr<ControlServer> control_;
-  // The ways to the kernel: the shell runner, and in front of it the
-  // rtnetlink executor (or, for a dry run, the printing runner); the
-  // printing writer for a dry run (null: the real iptables-restore).
+  // The ways to the kernel: the shell runner, and the rtnetlink executor
+  // that sends what it does not know to it (for a dry run, one printing
+  // runner serves as both); the printing writer for a dry run (null: the
+  // real iptables-restore).
   std::unique_ptr<Pbr::CommandRunner> shellRunner_;
-  std::unique_ptr<Pbr::CommandRunner> kernelRunner_;
+  std::unique_ptr<Pbr::CommandRunner> netlinkRunner_;
   std::unique_ptr<AclUtils::IptablesWriter> kernelWriter_;
   Vix::Ptr<Pbr::AclPlugin> plugin_;
+  std::unique_ptr<WarmStart> warmStart_;
   int epoll_ = -1;
   int timer_ = -1;
   int signals_ = -1;

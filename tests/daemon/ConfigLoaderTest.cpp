@@ -11,6 +11,7 @@ const std::string kExample = R"(tunables:
   nexthop-programming-time-limit: 0.5
   rules-per-invocation: 300
   rule-programming-time-limit: 0.5
+  command-executor: netlink
 access-lists:
   web:
     - 10 permit tcp 10.0.0.0/8 any eq 80 443
@@ -50,6 +51,7 @@ std::string error(const std::string& text) {
 TEST(ConfigLoaderTest, TheDocumentedExampleLoads) {
   const ConfigModel m = ConfigLoader::loadString(kExample, "waymark.yaml");
   EXPECT_EQ(m.tunables.rulesPerInvocation, 300u);
+  EXPECT_EQ(m.tunables.commandExecutor, CommandExecutor::netlink);
   ASSERT_EQ(m.accessLists.size(), 3u);
   EXPECT_TRUE(m.accessLists.at("web6").ipv6);
   EXPECT_EQ(m.accessLists.at("web").rules.at(20).text(),
@@ -126,6 +128,8 @@ TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
   EXPECT_EQ(error("tunables:\n  rule-programming-time-limit: nan\n"),
             "waymark.yaml:2:32: rule-programming-time-limit must be a number of seconds from 0 "
             "to 3600, not 'nan'");
+  EXPECT_EQ(error("tunables:\n  command-executor: system\n"),
+            "waymark.yaml:2:21: command-executor must be shell or netlink, not 'system'");
   EXPECT_EQ(error("access-lists: [\n"), "waymark.yaml:2:1: end of sequence flow not found");
 }
 
