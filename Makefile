@@ -41,6 +41,7 @@ bench: deps
 
 # waymarkd at scale against the naive way and the limit (root; minutes).
 bench-scale: build
+	$(MAKE) deps PACKAGES="bc gnuplot-nox"
 	bash bench/scale.sh $(BUILD)
 
 demo: build

@@ -13,8 +13,13 @@
 # its totals are estimated from per-line and per-command costs measured at
 # the start and at the end of the table, and are marked as estimates.
 #
+# waymarkd runs twice per size: with routing commands as rtnetlink requests
+# (time to idle and the nexthop loop's own total), then with an ip process per
+# command, the default, for everything else.
+#
 # Usage: bench/scale.sh BUILD_DIR [SIZES...]   sizes as S:N, default 1000:10 10000:100 50000:1000
-# Prints a table; writes bench-scale.tsv in the current directory. Needs root.
+# Prints a table; writes bench-scale.tsv and, with gnuplot, bench-scale.png
+# in the current directory. Needs root.
 set -uo pipefail
 BUILD=${1:-build}; shift || true
 SIZES=${*:-"1000:10 10000:100 50000:1000"}
@@ -53,6 +58,8 @@ nexthop() {
 generate() {
   local s=$1 n=$2 classes=$(( $1 / 10 )) c r fam
   {
+    echo "tunables:"
+    echo "  command-executor: shell"
     echo "access-lists:"
     for c in $(seq 0 $((classes - 1))); do
       fam=$((c % 2))
@@ -80,7 +87,9 @@ generate() {
   } > "$3"
 }
 
+# A fresh namespace, and no state file: each run is a clean start.
 setup_ns() {
+  rm -f "$RUN/state.json"
   ip netns del "$NS" 2>/dev/null
   ip netns add "$NS"
   in_ns ip link set lo up
@@ -94,21 +103,37 @@ setup_ns() {
 kernel_lines() { in_ns sh -c 'iptables -t mangle -S; ip6tables -t mangle -S' | grep -c '^-A PBR_'; }
 kernel_rules() { in_ns sh -c 'ip rule; ip -6 rule' | grep -c fwmark; }
 
-printf 'size\tsubrules\tnexthops\twaymarkd_s\tlongest_turn_s\tcpu_s\tpeak_rss_kb\treload_s\tlimit_s\tnaive_s_est\n' > "$OUT"
-for size in $SIZES; do
-  S=${size%%:*}; N=${size##*:}
-  generate "$S" "$N" "$RUN/scale.yaml"
-  setup_ns
-  # waymarkd from start to idle, checked against the kernel.
+# Starts waymarkd with EXECUTOR on the generated configuration and waits for
+# idle; sets T0 T1 and the daemon's pid.
+start_waymarkd() {
+  sed -i "s/^  command-executor: .*/  command-executor: $1/" "$RUN/scale.yaml"
   t0=$(now)
   ip netns exec "$NS" "$WAYMARKD" --config "$RUN/scale.yaml" --socket "$RUN/s.sock" \
     --state "$RUN/state.json" --trace-level 0 >"$RUN/d.log" 2>&1 &
   DAEMON=$!
-  for _ in $(seq 200); do [ -S "$RUN/s.sock" ] && break; sleep 0.02; done
+  for _ in $(seq 3000); do [ -S "$RUN/s.sock" ] && break; sleep 0.02; done
   "$WAYMARKCTL" --socket "$RUN/s.sock" wait-idle --timeout 3600 >/dev/null
   t1=$(now)
+}
+stop_waymarkd() { kill "$DAEMON"; wait "$DAEMON" 2>/dev/null; DAEMON=; rm -f "$RUN/s.sock"; }
+counter() { "$WAYMARKCTL" --socket "$RUN/s.sock" counters | awk -v g="$1" -v c="$2" '$1 == g && $2 == c {print $3}'; }
+
+printf 'size\tsubrules\tnexthops\twaymarkd_s\twaymarkd_netlink_s\tnexthop_loop_netlink_s\tlongest_turn_s\tcpu_s\tpeak_rss_kb\treload_s\tlimit_s\tnaive_s_est\n' > "$OUT"
+for size in $SIZES; do
+  S=${size%%:*}; N=${size##*:}
+  generate "$S" "$N" "$RUN/scale.yaml"
+  # waymarkd with routing commands as rtnetlink requests, to idle.
+  setup_ns
+  start_waymarkd netlink
+  netlink_total=$(elapsed "$t0" "$t1")
+  nexthop_loop=$(counter nexthops totalProgrammingTime)
+  stop_waymarkd
+  # waymarkd as configured by default (an ip process per command), to idle,
+  # checked against the kernel.
+  setup_ns
+  start_waymarkd shell
   lines=$(kernel_lines); rules=$(kernel_rules)
-  turn=$("$WAYMARKCTL" --socket "$RUN/s.sock" counters | awk '$2 == "longestLoopTurn" {print $3}')
+  turn=$(counter daemon longestLoopTurn)
   cpu=$(awk '{printf "%.2f", ($14 + $15) / 100}' /proc/$DAEMON/stat)
   rss=$(awk '/VmHWM/ {print $2}' /proc/$DAEMON/status)
   # A reload that changes one class's nexthops.
@@ -138,7 +163,7 @@ for size in $SIZES; do
   } > "$RUN/ip6.batch"
   grep -- '^-A' "$RUN/v4.save" > "$RUN/v4.lines"
   grep -- '^-A' "$RUN/v6.save" > "$RUN/v6.lines"
-  kill "$DAEMON"; wait "$DAEMON" 2>/dev/null; DAEMON=
+  stop_waymarkd
   setup_ns
   l0=$(now)
   in_ns iptables-restore -w < "$RUN/v4.save"
@@ -148,8 +173,6 @@ for size in $SIZES; do
   l1=$(now)
   [ "$(kernel_lines)" = $((2 * S)) ] && [ "$(kernel_rules)" = "$N" ] ||
     echo "size $size: the limit did not load everything"
-  l1=$l1
-  l1=$(now)
 
   # The naive way, sampled: 200 lines at the start and 200 at the end of the
   # table, 200 routing commands; totals are estimated from them.
@@ -170,9 +193,27 @@ for size in $SIZES; do
   total_lines=$(cat "$RUN/v4.lines" "$RUN/v6.lines" | wc -l)
   naive=$(echo "($per_line_start + $per_line_end) / 2 * $total_lines + $per_cmd * $(cat "$RUN/ip.batch" "$RUN/ip6.batch" | wc -l)" | bc -l)
 
-  printf '%s\t%s\t%s\t%.2f\t%s\t%s\t%s\t%.2f\t%.2f\t%.0f\n' "$size" "$S" "$N" \
-    "$(elapsed "$t0" "$t1")" "$turn" "$cpu" "$rss" "$(elapsed "$r0" "$r1")" \
+  printf '%s\t%s\t%s\t%.2f\t%.2f\t%.3f\t%.2f\t%s\t%s\t%.2f\t%.2f\t%.0f\n' "$size" "$S" "$N" \
+    "$(elapsed "$t0" "$t1")" "$netlink_total" "$nexthop_loop" "$turn" "$cpu" "$rss" "$(elapsed "$r0" "$r1")" \
     "$(elapsed "$l0" "$l1")" "$naive" >> "$OUT"
 done
 ip netns del "$NS" 2>/dev/null
 column -t -s $'\t' "$OUT"
+# Time to idle against size, for the three ways, on log scales.
+if command -v gnuplot >/dev/null; then
+  gnuplot <<GNUPLOT
+set terminal pngcairo size 800,500
+set output 'bench-scale.png'
+set title 'Time to program S sub-rules (2S mangle rules) and N nexthops'
+set xlabel 'sub-rules (S); nexthops N = S / 100'
+set ylabel 'seconds'
+set logscale xy
+set key top left
+set grid
+plot '$OUT' every ::1 using 2:4 with linespoints title 'waymarkd, ip processes', \
+     '' every ::1 using 2:5 with linespoints title 'waymarkd, rtnetlink', \
+     '' every ::1 using 2:11 with linespoints title 'limit: one restore, one ip -batch', \
+     '' every ::1 using 2:12 with linespoints title 'naive: a process per line (estimated)'
+GNUPLOT
+  echo "plot: bench-scale.png"
+fi

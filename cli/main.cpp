@@ -1,6 +1,7 @@
 // waymarkctl: talks to waymarkd over its control socket.
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -65,10 +66,12 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
       timeout = std::atof(args[2].c_str());
     else if (args.size() != 1)
       return usage();
-    for (double waited = 0; waited <= timeout; waited += 0.05) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+    do {
       if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>()) return 0;
-      usleep(50000);
-    }
+      usleep(20000);
+    } while (std::chrono::steady_clock::now() < deadline);
     std::fprintf(stderr, "waymarkd still busy after %g s\n", timeout);
     return 1;
   }

@@ -1,0 +1,42 @@
+// Runs a configuration file's text through everything between it and the
+// kernel: the loader, the applier and the whole plug-in on virtual time,
+// with every interface the file names given addresses that cover the
+// documentation ranges, so that its nexthops are programmed too. It returns
+// what would reach the kernel's tools, for the checks of KernelText.h.
+// Used by the hostile-input tests and the configuration fuzzer.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "daemon/ConfigApplier.h"
+#include "daemon/ConfigLoader.h"
+#include "tests/plugin/PbrSystemFixture.h"
+
+namespace waymark::test {
+
+struct KernelTexts {
+  std::vector<std::string> lines;     // iptables-restore lines, both families
+  std::vector<std::string> commands;  // routing command lines
+};
+
+// REQUIRES: `text` loads (the loader's ConfigError passes through).
+inline KernelTexts kernelTextsOf(const std::string& text) {
+  const Waymark::ConfigModel model = Waymark::ConfigLoader::loadString(text, "fuzz.yaml");
+  PbrSystemTest world;
+  for (const auto& [intf, policyName] : model.interfaces) {
+    world.address(intf.stringValue(), "192.0.2.254/24");
+    world.address6(intf.stringValue(), "2001:db8::fe/32");
+  }
+  Waymark::ConfigApplier applier(world.pbrConfig, world.aclConfig);
+  applier.apply(model);
+  world.start();
+  world.settle();
+  KernelTexts out;
+  out.lines = world.writer.lines(Acl::aclTypeIpv4);
+  for (auto& l : world.writer.lines(Acl::aclTypeIpv6)) out.lines.push_back(std::move(l));
+  out.commands = world.runner.commands;
+  return out;
+}
+
+}  // namespace waymark::test
