@@ -3,6 +3,9 @@
 
 BUILD      ?= build
 BENCH_DIR  ?= build-bench
+ASAN_DIR   ?= build-asan
+FUZZ_DIR   ?= build-fuzz
+FUZZ_SECONDS ?= 60
 JOBS       ?= $(shell nproc)
 CTEST_ARGS ?=
 
@@ -10,7 +13,7 @@ CTEST_ARGS ?=
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
            clang-format iproute2 iptables procps libyaml-cpp-dev nlohmann-json3-dev
 
-.PHONY: all deps build test bench bench-scale demo clean format format-check
+.PHONY: all deps build test test-asan fuzz bench bench-scale demo clean format format-check
 
 all: build
 
@@ -33,6 +36,23 @@ build: deps $(BUILD)/build.ninja
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
+# The unit and end-to-end tests again, built with AddressSanitizer and
+# UndefinedBehaviorSanitizer; any report fails the test that caused it.
+test-asan: deps
+	cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWAYMARK_SANITIZE=ON
+	cmake --build $(ASAN_DIR) -j $(JOBS)
+	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+
+# Every libFuzzer target for FUZZ_SECONDS each (clang).
+fuzz: deps
+	$(MAKE) deps PACKAGES="clang libclang-rt-14-dev"
+	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWAYMARK_BUILD_TESTS=OFF -DWAYMARK_BUILD_FUZZ=ON
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target address_fuzz acl_rule_fuzz rule_key_fuzz config_fuzz
+	bash tests/fuzz/run.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
 bench: deps
 	cmake -S . -B $(BENCH_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release \
 	  -DWAYMARK_BUILD_TESTS=OFF -DWAYMARK_BUILD_BENCH=ON
@@ -54,4 +74,4 @@ format-check: deps
 	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 
 clean:
-	rm -rf $(BUILD) $(BENCH_DIR)
+	rm -rf $(BUILD) $(BENCH_DIR) $(ASAN_DIR) $(FUZZ_DIR)

@@ -66,8 +66,7 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
       timeout = std::atof(args[2].c_str());
     else if (args.size() != 1)
       return usage();
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
     do {
       if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>()) return 0;
       usleep(20000);

@@ -1,7 +1,11 @@
 // The control socket of waymarkd: a Unix stream socket (mode 0600) on which
 // each connection carries one JSON request and gets one JSON reply. The
-// daemon's loop waits on fd() and calls handle() when a client connects; a
-// client that does not send its request within a second is dropped.
+// daemon's loop waits on fd() and calls handle() when a client connects.
+// Because it runs on the event loop, a client is bounded: only root and the
+// daemon's user are served (SO_PEERCRED), and a request must arrive whole
+// within a second and be at most 1 MiB, or it gets an error reply and is
+// dropped; garbage gets an error reply; a client gone before its reply
+// cannot hurt the daemon.
 #pragma once
 
 #include <functional>
@@ -23,7 +27,12 @@ class ControlServer {
   int fd() const { return fd_; }
   void handle();
 
+  static constexpr int kClientTimeLimitMs = 1000;
+  static constexpr size_t kRequestLimit = 1u << 20;
+
  private:
+  void serve(int client);
+
   Handler handler_;
   std::string path_;
   int fd_ = -1;

@@ -106,6 +106,9 @@ Daemon::~Daemon() {
 
 int Daemon::run() {
   Vix::Trace::sinkIs(&stderrSink, options_.traceLevel);
+  // A child or a client that goes away early must cost an error, not the
+  // daemon.
+  signal(SIGPIPE, SIG_IGN);
   try {
     model_ = ConfigLoader::loadFile(options_.config);
   } catch (const ConfigError& e) {
@@ -175,8 +178,8 @@ bool Daemon::start(std::string* error) {
     netlinkRunner_ = std::make_unique<NetlinkCommandRunner>(shellRunner_.get());
   }
   plugin_ = Pbr::aclPluginFactory("waymark");
-  plugin_->init(Vix::make<Acl::PluginContext>(store_, commandRunner(model_.tunables),
-                                              kernelWriter_.get()));
+  plugin_->init(
+      Vix::make<Acl::PluginContext>(store_, commandRunner(model_.tunables), kernelWriter_.get()));
   applyTunables(model_.tunables);
   warmStart_->begin(plugin_->nexthopTableManager(), model_);
 
@@ -307,18 +310,17 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
   if (command == "status") {
     nlohmann::json status = StatusReport::build(*plugin_);
     status["idle"] = idle();
-    status["daemon"] = {{"config", options_.config},
-                        {"longestLoopTurn", longestTurn_},
-                        {"reloads", reloads_},
-                        {"reloadsFailed", reloadsFailed_},
-                        {"lastReloadError", lastReloadError_},
-                        {"netlinkRedumps", netlink_->redumps()},
-                        {"commandExecutor", model_.tunables.commandExecutor ==
-                                                    CommandExecutor::netlink
-                                                ? "netlink"
-                                                : "shell"},
-                        {"startingUp", warmStart_->warming()},
-                        {"dryRun", options_.dryRun}};
+    status["daemon"] = {
+        {"config", options_.config},
+        {"longestLoopTurn", longestTurn_},
+        {"reloads", reloads_},
+        {"reloadsFailed", reloadsFailed_},
+        {"lastReloadError", lastReloadError_},
+        {"netlinkRedumps", netlink_->redumps()},
+        {"commandExecutor",
+         model_.tunables.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
+        {"startingUp", warmStart_->warming()},
+        {"dryRun", options_.dryRun}};
     return status;
   }
   if (command == "reload") {

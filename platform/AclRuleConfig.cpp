@@ -52,7 +52,9 @@ std::vector<TcpFlag> AclRuleConfig::subRuleFlags() const {
 }
 
 std::string AclRuleConfig::text() const {
-  std::string out = std::to_string(seqNo) + " permit ";
+  // An unnumbered rule (0) is written without a number: "0" is not one the
+  // grammar takes back.
+  std::string out = seqNo == 0 ? "permit " : std::to_string(seqNo) + " permit ";
   out += protocol ? Protocol::name(*protocol) : (ipv6 ? "ipv6" : "ip");
   out += " " + src.text();
   if (srcPorts.op != PortOp::any) out += " " + srcPorts.text();

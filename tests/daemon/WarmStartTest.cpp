@@ -42,9 +42,8 @@ class WarmStartTest : public PbrSystemTest {
     start();
   }
   size_t count(const std::vector<std::string>& lines, const std::string& part) const {
-    return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
-      return l.find(part) != std::string::npos;
-    });
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const std::string& l) { return l.find(part) != std::string::npos; });
   }
   uint32_t refs(const std::string& addr) const {
     return manager().nexthop(Velnet::IpGenAddr::parse(addr));

@@ -21,8 +21,8 @@ inline std::string unsafeKernelText(std::string_view line) {
                     std::string_view(" _.:/,-").find(c) != std::string_view::npos;
     if (!ok) return "character " + std::to_string(static_cast<unsigned char>(c)) + " in line";
   }
-  static const std::set<std::string> takesName = {"-A", "-D", "-F", "-I", "-N", "-R", "-X",
-                                                  "-i", "-j", "-o"};
+  static const std::set<std::string> takesName = {"-A", "-D", "-F", "-I", "-N",
+                                                  "-R", "-X", "-i", "-j", "-o"};
   std::istringstream words{std::string(line)};
   std::string previous;
   for (std::string word; words >> word; previous = word) {
