@@ -15,6 +15,7 @@
 
 #include "daemon/ConfigLoader.h"
 #include "daemon/DryRun.h"
+#include "daemon/JournaledCommandRunner.h"
 #include "daemon/NetlinkCommandRunner.h"
 #include "daemon/QuietCommandRunner.h"
 #include "daemon/StatusReport.h"
@@ -176,6 +177,8 @@ bool Daemon::start(std::string* error) {
   } else {
     shellRunner_ = std::make_unique<QuietCommandRunner>();
     netlinkRunner_ = std::make_unique<NetlinkCommandRunner>(shellRunner_.get());
+    journaledShell_ = std::make_unique<JournaledCommandRunner>(state_, *shellRunner_);
+    journaledNetlink_ = std::make_unique<JournaledCommandRunner>(state_, *netlinkRunner_);
   }
   plugin_ = Pbr::aclPluginFactory("waymark");
   plugin_->init(
@@ -215,7 +218,6 @@ void Daemon::loop() {
     // loop serves its sockets between them.
     Vix::activityManager().runDue(1);
     warmStart_->finish(model_, false);
-    recordState();
     const double sleep = Vix::activityManager().sleepTime();
     itimerspec when{};
     if (sleep != Vix::kNever && sleep > 0) {
@@ -269,8 +271,9 @@ std::string Daemon::reload() {
 bool Daemon::idle() const { return !warmStart_->warming() && StatusReport::idle(*plugin_); }
 
 Pbr::CommandRunner* Daemon::commandRunner(const Tunables& t) const {
-  if (t.commandExecutor == CommandExecutor::netlink && netlinkRunner_) return netlinkRunner_.get();
-  return shellRunner_.get();
+  if (options_.dryRun) return shellRunner_.get();
+  if (t.commandExecutor == CommandExecutor::netlink) return journaledNetlink_.get();
+  return journaledShell_.get();
 }
 
 void Daemon::applyTunables(const Tunables& t) {
@@ -333,20 +336,6 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
   }
   if (command == "idle") return {{"idle", idle()}};
   return {{"ok", false}, {"error", "unknown command '" + command + "'"}};
-}
-
-void Daemon::recordState() {
-  if (options_.dryRun || !plugin_) return;
-  std::set<uint32_t> priorities;
-  std::set<uint32_t> tables;
-  const auto& m = *plugin_->nexthopTableManager();
-  m.nexthops().forEach([&](const Velnet::IpGenAddr& a, uint32_t) {
-    if (m.fwmark(a) == 0) return;
-    priorities.insert(m.ipRuleIndex(a));
-    tables.insert(m.routeTable(a));
-  });
-  std::string error;
-  if (state_.record(priorities, tables) && !state_.save(&error)) log(error);
 }
 
 void Daemon::cleanupKernel() {

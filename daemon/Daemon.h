@@ -62,7 +62,6 @@ class Daemon {
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
   Pbr::CommandRunner* commandRunner(const Tunables& t) const;
-  void recordState();
   void cleanupKernel();
   void runQuietly(const std::string& command);
   bool idle() const;
@@ -84,6 +83,9 @@ class Daemon {
   // real iptables-restore).
   std::unique_ptr<Pbr::CommandRunner> shellRunner_;
   std::unique_ptr<Pbr::CommandRunner> netlinkRunner_;
+  // Each of the two, behind the state file's journal.
+  std::unique_ptr<Pbr::CommandRunner> journaledShell_;
+  std::unique_ptr<Pbr::CommandRunner> journaledNetlink_;
   std::unique_ptr<AclUtils::IptablesWriter> kernelWriter_;
   Vix::Ptr<Pbr::AclPlugin> plugin_;
   std::unique_ptr<WarmStart> warmStart_;

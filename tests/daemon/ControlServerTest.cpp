@@ -61,7 +61,8 @@ TEST_F(ControlServerTest, TheSocketIsReadableAndWritableByItsOwnerOnly) {
 
 TEST_F(ControlServerTest, ARequestGetsItsReply) {
   const int fd = connectClient();
-  sendText(fd, R"({"command": "status"})" "\n");
+  sendText(fd, R"({"command": "status"})"
+               "\n");
   server.handle();
   EXPECT_EQ(replyOf(fd)["got"]["command"], "status");
 }
@@ -102,7 +103,8 @@ TEST_F(ControlServerTest, AnOversizedRequestIsRefused) {
 TEST_F(ControlServerTest, ASilentClientIsDroppedAndTheServerGoesOn) {
   const int silent = connectClient();
   const int next = connectClient();
-  sendText(next, R"({"command": "status"})" "\n");
+  sendText(next, R"({"command": "status"})"
+                 "\n");
   server.handle();
   EXPECT_EQ(replyOf(silent)["error"], "request too slow or too large");
   EXPECT_EQ(replyOf(next)["got"]["command"], "status");
@@ -110,12 +112,14 @@ TEST_F(ControlServerTest, ASilentClientIsDroppedAndTheServerGoesOn) {
 
 TEST_F(ControlServerTest, AClientGoneBeforeItsReplyDoesNotHurtTheServer) {
   const int fd = connectClient();
-  sendText(fd, R"({"command": "status"})" "\n");
+  sendText(fd, R"({"command": "status"})"
+               "\n");
   close(fd);
   clients.clear();
   server.handle();
   const int again = connectClient();
-  sendText(again, R"({"command": "idle"})" "\n");
+  sendText(again, R"({"command": "idle"})"
+                  "\n");
   server.handle();
   EXPECT_EQ(replyOf(again)["got"]["command"], "idle");
 }
