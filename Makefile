@@ -3,8 +3,7 @@
 
 BUILD      ?= build
 BENCH_DIR  ?= build-bench
-ASAN_DIR   ?= build-asan
-FUZZ_DIR   ?= build-fuzz
+SAN_DIR    ?= build-sanitize
 FUZZ_SECONDS ?= 60
 JOBS       ?= $(shell nproc)
 CTEST_ARGS ?=
@@ -13,7 +12,7 @@ CTEST_ARGS ?=
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
            clang-format iproute2 iptables procps libyaml-cpp-dev nlohmann-json3-dev
 
-.PHONY: all deps build test test-asan fuzz bench bench-scale demo clean format format-check
+.PHONY: all deps build test test-asan fuzz reliability bench bench-scale demo clean format format-check
 
 all: build
 
@@ -36,22 +35,32 @@ build: deps $(BUILD)/build.ninja
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
-# The unit and end-to-end tests again, built with AddressSanitizer and
-# UndefinedBehaviorSanitizer; any report fails the test that caused it.
-test-asan: deps
-	cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWAYMARK_SANITIZE=ON
-	cmake --build $(ASAN_DIR) -j $(JOBS)
-	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+# One clang build with AddressSanitizer and UndefinedBehaviorSanitizer
+# serves both: the unit and end-to-end tests again (any report fails the
+# test that caused it), and the libFuzzer targets.
+$(SAN_DIR)/build.ninja:
+	$(MAKE) deps PACKAGES="clang libclang-rt-14-dev"
+	cmake -S . -B $(SAN_DIR) -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWAYMARK_SANITIZE=ON -DWAYMARK_BUILD_FUZZ=ON
+
+test-asan: deps $(SAN_DIR)/build.ninja
+	cmake --build $(SAN_DIR) -j $(JOBS)
+	cd $(SAN_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
-# Every libFuzzer target for FUZZ_SECONDS each (clang).
-fuzz: deps
-	$(MAKE) deps PACKAGES="clang libclang-rt-14-dev"
-	cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
-	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWAYMARK_BUILD_TESTS=OFF -DWAYMARK_BUILD_FUZZ=ON
-	cmake --build $(FUZZ_DIR) -j $(JOBS) --target address_fuzz acl_rule_fuzz rule_key_fuzz config_fuzz
-	bash tests/fuzz/run.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+# Every libFuzzer target for FUZZ_SECONDS each.
+fuzz: deps $(SAN_DIR)/build.ninja
+	cmake --build $(SAN_DIR) -j $(JOBS) --target address_fuzz acl_rule_fuzz rule_key_fuzz config_fuzz
+	bash tests/fuzz/run.sh $(SAN_DIR) $(FUZZ_SECONDS)
+
+# The reliability scenarios at full size (root; minutes): figures for
+# docs/reliability.md.
+reliability: build
+	bash tests/reliability/faults.sh $(BUILD)
+	bash tests/reliability/crash.sh $(BUILD) 20 10000 1000
+	bash tests/reliability/churn.sh $(BUILD) 1000
+	bash tests/reliability/overrun.sh $(BUILD) 10000
 
 bench: deps
 	cmake -S . -B $(BENCH_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release \
@@ -74,4 +83,4 @@ format-check: deps
 	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 
 clean:
-	rm -rf $(BUILD) $(BENCH_DIR) $(ASAN_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD) $(BENCH_DIR) $(SAN_DIR)

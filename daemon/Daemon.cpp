@@ -60,7 +60,7 @@ bool parseNumber(const std::string& text, double low, double high, double* out) 
 
 const char* Daemon::usage() {
   return "usage: waymarkd [--config FILE] [--socket PATH] [--state FILE] [--trace-level N]\n"
-         "                [--cell-id N] [--check | --dry-run | --cleanup]\n";
+         "                [--cell-id N] [--child-time-limit S] [--check | --dry-run | --cleanup]\n";
 }
 
 std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::string* error) {
@@ -87,6 +87,8 @@ std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::st
       o.state = *v;
     } else if (arg == "--trace-level" && (v = value()) && parseNumber(*v, 0, 9, &n)) {
       o.traceLevel = static_cast<int>(n);
+    } else if (arg == "--child-time-limit" && (v = value()) && parseNumber(*v, 0.1, 3600, &n)) {
+      o.childTimeLimit = n;
     } else if (arg == "--cell-id" && (v = value()) && parseNumber(*v, 0, 1e9, &n)) {
       o.cellId = static_cast<uint32_t>(n);
     } else {
@@ -175,7 +177,8 @@ bool Daemon::start(std::string* error) {
     shellRunner_ = std::make_unique<PrintingCommandRunner>();
     kernelWriter_ = std::make_unique<PrintingIptablesWriter>();
   } else {
-    shellRunner_ = std::make_unique<QuietCommandRunner>();
+    shellRunner_ = std::make_unique<QuietCommandRunner>(options_.childTimeLimit);
+    kernelWriter_ = std::make_unique<AclUtils::RestoreIptablesWriter>(options_.childTimeLimit);
     netlinkRunner_ = std::make_unique<NetlinkCommandRunner>(shellRunner_.get());
     journaledShell_ = std::make_unique<JournaledCommandRunner>(state_, *shellRunner_);
     journaledNetlink_ = std::make_unique<JournaledCommandRunner>(state_, *netlinkRunner_);
@@ -268,6 +271,21 @@ std::string Daemon::reload() {
   return "";
 }
 
+nlohmann::json Daemon::interfaces() const {
+  nlohmann::json out = nlohmann::json::object();
+  ipStatus_->ipIntfStatusMap().forEach([&](const Ip::IpIntfStatus& intf) {
+    nlohmann::json addrs = nlohmann::json::array();
+    if (intf.activeAddrWithMask() != Velnet::IpAddrWithMask()) {
+      addrs.push_back(intf.activeAddrWithMask().stringValue());
+    }
+    for (const auto& [addr, active] : intf.activeSecondaryWithMask()) {
+      if (active) addrs.push_back(addr.stringValue());
+    }
+    out[intf.key().stringValue()] = addrs;
+  });
+  return out;
+}
+
 bool Daemon::idle() const { return !warmStart_->warming() && StatusReport::idle(*plugin_); }
 
 Pbr::CommandRunner* Daemon::commandRunner(const Tunables& t) const {
@@ -313,6 +331,7 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
   if (command == "status") {
     nlohmann::json status = StatusReport::build(*plugin_);
     status["idle"] = idle();
+    status["interfaces"] = interfaces();
     status["daemon"] = {
         {"config", options_.config},
         {"longestLoopTurn", longestTurn_},

@@ -39,6 +39,8 @@ struct DaemonOptions {
   bool check = false;
   bool dryRun = false;
   bool cleanup = false;
+  // Longest run of one `ip` or iptables-restore child.
+  double childTimeLimit = 30.0;
 };
 
 class Daemon {
@@ -65,6 +67,8 @@ class Daemon {
   void cleanupKernel();
   void runQuietly(const std::string& command);
   bool idle() const;
+  // Each interface's IPv4 addresses as the daemon knows them, primary first.
+  nlohmann::json interfaces() const;
 
   DaemonOptions options_;
   ConfigModel model_;
@@ -79,8 +83,8 @@ class Daemon {
   std::unique_ptr<ControlServer> control_;
   // The ways to the kernel: the shell runner, and the rtnetlink executor
   // that sends what it does not know to it (for a dry run, one printing
-  // runner serves as both); the printing writer for a dry run (null: the
-  // real iptables-restore).
+  // runner serves as both); iptables-restore, or the printing writer for a
+  // dry run.
   std::unique_ptr<Pbr::CommandRunner> shellRunner_;
   std::unique_ptr<Pbr::CommandRunner> netlinkRunner_;
   // Each of the two, behind the state file's journal.

@@ -21,8 +21,7 @@ namespace Waymark {
 class JournaledCommandRunner : public Pbr::CommandRunner {
  public:
   // REQUIRES: `state` and `next` outlive the runner.
-  JournaledCommandRunner(StateFile& state, Pbr::CommandRunner& next)
-      : state_(state), next_(next) {}
+  JournaledCommandRunner(StateFile& state, Pbr::CommandRunner& next) : state_(state), next_(next) {}
 
   int run(const std::string& command) override;
 

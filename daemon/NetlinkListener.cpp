@@ -128,8 +128,11 @@ void NetlinkListener::handleEvents() {
     if (n < 0) {
       if (errno == EINTR) continue;
       if (errno == ENOBUFS) {
-        // Events were lost: the model may be stale anywhere.
+        // Events were lost: the model may be stale anywhere. What is still
+        // queued is older than the dump about to be taken and would undo
+        // it, so it goes first.
         ++redumps_;
+        discardQueuedEvents(buffer);
         std::string error;
         dump(&error);
         continue;
@@ -150,6 +153,12 @@ void NetlinkListener::handleEvents() {
       if (links_.count(index)) touched.insert(links_[index].name);
     }
     for (const auto& name : touched) publish(name);
+  }
+}
+
+void NetlinkListener::discardQueuedEvents(std::vector<char>& buffer) {
+  while (recv(eventFd_, buffer.data(), buffer.size(), MSG_DONTWAIT) >= 0 || errno == EINTR ||
+         errno == ENOBUFS) {
   }
 }
 

@@ -51,6 +51,7 @@ class NetlinkListener {
   };
 
   bool dump(std::string* error);
+  void discardQueuedEvents(std::vector<char>& buffer);
   void apply(const nlmsghdr* h);
   void applyLink(const nlmsghdr* h);
   void applyAddr(const nlmsghdr* h);

@@ -3,7 +3,8 @@
 // what the command prints out of the daemon's output (iproute2 prints its
 // whole usage text for the route-delete form it rejects) and bounds its run
 // time, so that a hung `ip` cannot hang the daemon: a command still running
-// at the limit is killed and reported as ended by SIGKILL.
+// at the limit is killed and reported as having exited with 124 (the code of
+// timeout(1)), a failure, so that its nexthop is not taken for programmed.
 #pragma once
 
 #include <string>
@@ -14,6 +15,8 @@ namespace Waymark {
 
 class QuietCommandRunner : public Pbr::CommandRunner {
  public:
+  static constexpr int kTimedOut = 124;
+
   explicit QuietCommandRunner(double timeLimit = 30.0) : timeLimit_(timeLimit) {}
   int run(const std::string& command) override;
 

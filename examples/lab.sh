@@ -73,14 +73,16 @@ lab_destroy() {
 }
 
 # Starts waymarkd on the router with CONFIG and waits until it is idle.
+# DAEMON_ENV (VAR=value words) and DAEMON_ARGS, when set, go to waymarkd.
 lab_start_daemon() {
   local config=$1
   mkdir -p "$RUN"
   rm -f "$RUN/waymarkd.sock"
   # Not through in_ns: $! must be the daemon itself (ip netns exec execs it),
   # not a subshell running a function.
-  ip netns exec "$LAB-router" "$WAYMARKD" --config "$config" --socket "$RUN/waymarkd.sock" \
-    --state "$RUN/state.json" >>"$RUN/waymarkd.log" 2>&1 &
+  ip netns exec "$LAB-router" env ${DAEMON_ENV:-} "$WAYMARKD" --config "$config" \
+    --socket "$RUN/waymarkd.sock" --state "$RUN/state.json" ${DAEMON_ARGS:-} \
+    >>"$RUN/waymarkd.log" 2>&1 &
   DAEMON=$!
   local i
   for i in $(seq 100); do [ -S "$RUN/waymarkd.sock" ] && break; sleep 0.05; done

@@ -11,32 +11,10 @@ RUN=/run/waymark-e2e-$$
 CONFIG=$RUN/e2e.yaml
 source "$(dirname "$0")/../../examples/lab.sh"
 
-if [ "$(id -u)" != 0 ] || ! ip netns add "$LAB-probe" 2>/dev/null; then
-  echo "daemon e2e: needs root and network namespaces"
-  [ -n "${CI:-}" ] && exit 1
-  exit 77
-fi
-ip netns del "$LAB-probe"
+source "$(dirname "$0")/checks.sh"
+require_namespaces "daemon e2e"
 trap lab_destroy EXIT
 
-PASSED=0
-FAILED=0
-check() {  # WHAT GOT WANTED
-  if [ "$2" = "$3" ]; then
-    PASSED=$((PASSED + 1))
-    echo "ok   $1"
-  else
-    FAILED=$((FAILED + 1))
-    echo "FAIL $1: got '$2', wanted '$3'"
-  fi
-}
-mangle() { in_ns router iptables -t mangle -S; in_ns router ip6tables -t mangle -S; }
-rules() { in_ns router ip rule; in_ns router ip -6 rule; }
-tables() {
-  local t
-  for t in $(in_ns router ip rule | awk '/fwmark/ {print $NF}'); do in_ns router ip route show table "$t"; done
-  for t in $(in_ns router ip -6 rule | awk '/fwmark/ {print $NF}'); do in_ns router ip -6 route show table "$t"; done
-}
 chain4() { lab_ctl policies | awk '$2 == "ipv4" {print $3; exit}'; }
 packets() {  # CHAIN POSITION: the packet counter of one rule
   in_ns router iptables -t mangle -L "$1" -v -x -n --line-numbers | awk -v n="$2" '$1 == n {print $2}'
@@ -137,5 +115,4 @@ check "no routes left in waymark's tables" \
   "$(for t in 2 3 4 5 6 7 8 9; do in_ns router ip route show table $t 2>/dev/null; done | wc -l)" 0
 check "traffic follows normal routing" "$(lab_arrived 4 tcp 80)" dflt
 
-echo "$PASSED passed, $FAILED failed"
-[ "$FAILED" = 0 ]
+finish

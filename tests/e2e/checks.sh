@@ -1,0 +1,58 @@
+# What the namespace tests share, to be sourced after examples/lab.sh: the
+# root check, check() with its tally, and the kernel state of the lab's
+# router. The caller sets LAB and RUN.
+
+# Exits 77 (skipped) without root and namespaces, 1 under CI.
+require_namespaces() {
+  if [ "$(id -u)" != 0 ] || ! ip netns add "$LAB-probe" 2>/dev/null; then
+    echo "$1: needs root and network namespaces"
+    [ -n "${CI:-}" ] && exit 1
+    exit 77
+  fi
+  ip netns del "$LAB-probe"
+}
+
+PASSED=0
+FAILED=0
+check() {  # WHAT GOT WANTED
+  if [ "$2" = "$3" ]; then
+    PASSED=$((PASSED + 1))
+    echo "ok   $1"
+  else
+    FAILED=$((FAILED + 1))
+    echo "FAIL $1: got '$2', wanted '$3'"
+  fi
+}
+# Prints the tally and exits with its verdict.
+finish() {
+  echo "$PASSED passed, $FAILED failed"
+  [ "$FAILED" = 0 ]
+}
+
+mangle() { in_ns router iptables -t mangle -S; in_ns router ip6tables -t mangle -S; }
+rules() { in_ns router ip rule; in_ns router ip -6 rule; }
+tables() {
+  local t
+  for t in $(in_ns router ip rule | awk '/fwmark/ {print $NF}'); do in_ns router ip route show table "$t"; done
+  for t in $(in_ns router ip -6 rule | awk '/fwmark/ {print $NF}'); do in_ns router ip -6 route show table "$t"; done
+}
+# Everything waymark programs on the router, for comparing two states.
+kernel_state() { rules; tables; mangle; }
+# The router's state with the numbers a run happens to allocate resolved
+# away: each MARK rule names the nexthop its mark leads to (through its ip
+# rule and table), chains lose their sequence number, and the rules are
+# counted. Two runs that steer the same traffic the same way print the same.
+resolved_state() {
+  local fam tool via
+  for fam in -4 -6; do
+    tool=iptables; [ "$fam" = -6 ] && tool=ip6tables
+    via=$(in_ns router ip "$fam" rule | awk '/fwmark/ {print $5, $7}' | while read -r mark table; do
+      echo "$mark $(in_ns router ip "$fam" route show table "$table" | awk '{print $3}')"
+    done)
+    in_ns router "$tool" -t mangle -S | sed -E 's/PBR_[0-9]+_/PBR_N_/g' |
+      awk -v via="$via" 'BEGIN { n = split(via, l, "\n"); for (i = 1; i <= n; i++) { split(l[i], f, " "); to[f[1]] = f[2] } }
+        /--set-xmark/ { for (i = 1; i <= NF; i++) if ($i == "--set-xmark") { split($(i + 1), m, "/"); $(i + 1) = "to " to[m[1]] } }
+        { print }'
+    echo "fwmark rules: $(in_ns router ip "$fam" rule | grep -c fwmark)"
+  done
+}
