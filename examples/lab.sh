@@ -72,6 +72,33 @@ lab_destroy() {
   rm -rf "$RUN"
 }
 
+# Writes the lab's steering configuration to FILE: web (TCP 80) to PRIMARY
+# with BACKUP behind it, DNS (UDP 53) to BACKUP, IPv6 web to nh1 then nh2.
+lab_steer_config() {  # FILE PRIMARY BACKUP
+  cat > "$1" <<YAML
+access-lists:
+  web: [permit tcp any any eq 80]
+  dns: [permit udp any any eq 53]
+  web6:
+    ipv6: true
+    rules: [permit tcp any any eq 80]
+class-maps:
+  web: [web]
+  dns: [dns]
+  web6: [web6]
+policy-maps:
+  steer:
+    - class: web
+      nexthops: [$2, $3]
+    - class: dns
+      nexthops: [$3]
+    - class: web6
+      nexthops: ['2001:db8:2::2', '2001:db8:3::2']
+interfaces:
+  r-client: steer
+YAML
+}
+
 # Starts waymarkd on the router with CONFIG and waits until it is idle.
 # DAEMON_ENV (VAR=value words) and DAEMON_ARGS, when set, go to waymarkd.
 lab_start_daemon() {

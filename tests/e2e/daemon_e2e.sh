@@ -21,28 +21,7 @@ packets() {  # CHAIN POSITION: the packet counter of one rule
 }
 
 mkdir -p "$RUN"
-cat > "$CONFIG" <<'YAML'
-access-lists:
-  web: [permit tcp any any eq 80]
-  dns: [permit udp any any eq 53]
-  web6:
-    ipv6: true
-    rules: [permit tcp any any eq 80]
-class-maps:
-  web: [web]
-  dns: [dns]
-  web6: [web6]
-policy-maps:
-  steer:
-    - class: web
-      nexthops: [198.51.100.2, 198.51.100.66]
-    - class: dns
-      nexthops: [198.51.100.66]
-    - class: web6
-      nexthops: ['2001:db8:2::2', '2001:db8:3::2']
-interfaces:
-  r-client: steer
-YAML
+lab_steer_config "$CONFIG" 198.51.100.2 198.51.100.66
 
 lab_create
 lab_start_daemon "$CONFIG"
