@@ -169,8 +169,8 @@ bool Daemon::start(std::string* error) {
   Pbr::fillStateDatabase(*store_, {pbrConfig_, Vix::make<PolicyMap::PolicyMapTypeStatus>(),
                                    aclConfig_, ipStatus_, ip6Status_});
   applier_ = std::make_unique<ConfigApplier>(pbrConfig_, aclConfig_);
-  warmStart_ = std::make_unique<WarmStart>(*applier_);
-  warmStart_->prepare(model_);
+  gate_ = std::make_unique<ConfigGate>(*applier_);
+  gate_->prepare(model_);
 
   if (options_.dryRun) {
     shellRunner_ = std::make_unique<PrintingCommandRunner>();
@@ -186,7 +186,7 @@ bool Daemon::start(std::string* error) {
   plugin_->init(
       Vix::make<Acl::PluginContext>(store_, commandRunner(model_.tunables), kernelWriter_.get()));
   applyTunables(model_.tunables);
-  warmStart_->begin(plugin_->nexthopTableManager(), model_);
+  gate_->begin(plugin_->nexthopTableManager(), model_);
 
   control_ = std::make_unique<ControlServer>(
       [this](const nlohmann::json& request) { return handleRequest(request); });
@@ -219,7 +219,7 @@ void Daemon::loop() {
     // One timer per turn: each is bounded by its own time slice, and the
     // loop serves its sockets between them.
     Vix::activityManager().runDue(1);
-    warmStart_->finish(model_, false);
+    gate_->applyWhenQuiet(model_);
     const double sleep = Vix::activityManager().sleepTime();
     itimerspec when{};
     if (sleep != Vix::kNever && sleep > 0) {
@@ -263,9 +263,9 @@ std::string Daemon::reload() {
     lastReloadError_ = e.what();
     return lastReloadError_;
   }
-  warmStart_->finish(model_, true);
-  applier_->apply(model_);
   applyTunables(model_.tunables);
+  gate_->requestApply();
+  gate_->applyWhenQuiet(model_);
   lastReloadError_.clear();
   return "";
 }
@@ -285,7 +285,7 @@ nlohmann::json Daemon::interfaces() const {
   return out;
 }
 
-bool Daemon::idle() const { return !warmStart_->warming() && StatusReport::idle(*plugin_); }
+bool Daemon::idle() const { return !gate_->waiting() && StatusReport::idle(*plugin_); }
 
 Pbr::CommandRunner* Daemon::commandRunner(const Tunables& t) const {
   if (options_.dryRun) return shellRunner_.get();
@@ -340,7 +340,8 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
         {"netlinkRedumps", netlink_->redumps()},
         {"commandExecutor",
          model_.tunables.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
-        {"startingUp", warmStart_->warming()},
+        {"startingUp", gate_->startingUp()},
+        {"configWaiting", gate_->waiting()},
         {"dryRun", options_.dryRun}};
     return status;
   }

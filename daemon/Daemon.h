@@ -9,7 +9,8 @@
 // Start-up: load and validate the configuration, dump links and addresses,
 // remove what an earlier run recorded in the state file, fill the state
 // database, create and initialise the plug-in, run; the policies follow once
-// their nexthops are programmed (WarmStart).
+// their nexthops are programmed, and every reload is applied while the
+// nexthop loop is quiet (ConfigGate).
 #pragma once
 
 #include <memory>
@@ -19,11 +20,11 @@
 #include <nlohmann/json.hpp>
 
 #include "daemon/ConfigApplier.h"
+#include "daemon/ConfigGate.h"
 #include "daemon/ConfigModel.h"
 #include "daemon/ControlServer.h"
 #include "daemon/NetlinkListener.h"
 #include "daemon/StateFile.h"
-#include "daemon/WarmStart.h"
 #include "nexthop/CommandRunner.h"
 #include "platform/IptablesManager.h"
 #include "plugin/AclPlugin.h"
@@ -92,7 +93,7 @@ class Daemon {
   std::unique_ptr<Pbr::CommandRunner> journaledNetlink_;
   std::unique_ptr<AclUtils::IptablesWriter> kernelWriter_;
   Vix::Ptr<Pbr::AclPlugin> plugin_;
-  std::unique_ptr<WarmStart> warmStart_;
+  std::unique_ptr<ConfigGate> gate_;
   int epoll_ = -1;
   int timer_ = -1;
   int signals_ = -1;

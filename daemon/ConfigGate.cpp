@@ -1,17 +1,18 @@
-#include "daemon/WarmStart.h"
+#include "daemon/ConfigGate.h"
 
 #include <set>
 
 namespace Waymark {
 
-void WarmStart::prepare(const ConfigModel& model) {
+void ConfigGate::prepare(const ConfigModel& model) {
   ConfigModel withoutPolicies = model;
   withoutPolicies.policyMaps.clear();
   withoutPolicies.interfaces.clear();
   applier_.apply(withoutPolicies);
 }
 
-void WarmStart::begin(const Vix::Ptr<Pbr::NexthopTableManager>& manager, const ConfigModel& model) {
+void ConfigGate::begin(const Vix::Ptr<Pbr::NexthopTableManager>& manager,
+                       const ConfigModel& model) {
   std::set<Velnet::IpGenAddr> seen;
   for (const auto& [name, classes] : model.policyMaps) {
     for (const auto& c : classes) {
@@ -22,19 +23,19 @@ void WarmStart::begin(const Vix::Ptr<Pbr::NexthopTableManager>& manager, const C
   }
   manager_ = manager;
   for (const auto& addr : nexthops_) manager_->nexthopInc(addr, 1);
+  applyRequested_ = true;
 }
 
-void WarmStart::finish(const ConfigModel& model, bool now) {
-  if (!warming()) return;
-  // With programming switched off the nexthops would never come up, and the
-  // policies must not wait for them.
-  const bool ready =
+void ConfigGate::applyWhenQuiet(const ConfigModel& model) {
+  if (!applyRequested_ || !manager_) return;
+  const bool quiet =
       manager_->pendingNexthops().empty() || manager_->nexthopProgrammingTimeLimit() == 0.0;
-  if (!now && !ready) return;
+  if (!quiet) return;
+  applyRequested_ = false;
+  started_ = true;
   applier_.apply(model);
   for (const auto& addr : nexthops_) manager_->nexthopInc(addr, 0xffffffffu);
   nexthops_.clear();
-  manager_ = nullptr;
 }
 
 }  // namespace Waymark
