@@ -102,7 +102,8 @@ uint64_t StrepReader::readUnsigned(uint64_t max) {
   uint64_t value = 0;
   while (pos_ < text_.size() && text_[pos_] >= '0' && text_[pos_] <= '9') {
     const uint64_t digit = static_cast<uint64_t>(text_[pos_] - '0');
-    if (value > (max - digit) / 10) {
+    // digit > max first: (max - digit) would wrap round for a small max.
+    if (digit > max || value > (max - digit) / 10) {
       throw ParseError("number out of range at column " + std::to_string(start) +
                        " deserializing " + type());
     }

@@ -67,28 +67,33 @@ uint16_t port(Words& w) {
   return static_cast<uint16_t>(*n);
 }
 
+[[noreturn]] void wrongFamily(const Words& w, const std::string& word) {
+  w.fail("protocol " + Vix::quoted(word) + " in an " + (w.ipv6() ? "IPv6" : "IPv4") +
+         " access list");
+}
+
 std::optional<uint8_t> protocol(Words& w) {
   const std::string word = w.take("protocol");
   if (word == "ip" || word == "ipv6") {
-    if ((word == "ipv6") != w.ipv6()) {
-      w.fail("protocol " + Vix::quoted(word) + " in an " + (w.ipv6() ? "IPv6" : "IPv4") +
-             " access list");
-    }
+    if ((word == "ipv6") != w.ipv6()) wrongFamily(w, word);
     return std::nullopt;
   }
   if (word == "tcp") return Protocol::tcp;
   if (word == "udp") return Protocol::udp;
   if (word == "sctp") return Protocol::sctp;
   if (word == "icmp" || word == "icmpv6") {
-    if ((word == "icmpv6") != w.ipv6()) {
-      w.fail("protocol " + Vix::quoted(word) + " in an " + (w.ipv6() ? "IPv6" : "IPv4") +
-             " access list");
-    }
+    if ((word == "icmpv6") != w.ipv6()) wrongFamily(w, word);
     return word == "icmp" ? Protocol::icmp : Protocol::icmpv6;
   }
   const auto n = number(word, 255);
   if (!n) w.fail("unknown protocol " + Vix::quoted(word));
-  return static_cast<uint8_t>(*n);
+  // By number as by name: ICMP belongs in IPv4 lists and ICMPv6 in IPv6 ones
+  // (the rule's text names them, and must read back).
+  const auto p = static_cast<uint8_t>(*n);
+  if ((p == Protocol::icmp && w.ipv6()) || (p == Protocol::icmpv6 && !w.ipv6())) {
+    wrongFamily(w, word);
+  }
+  return p;
 }
 
 AddrSpec address(Words& w, const char* what) {

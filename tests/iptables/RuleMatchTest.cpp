@@ -87,6 +87,10 @@ TEST(RuleMatchTest, BadRulesAreRejectedNamingTheOffendingWord) {
             "IPv6 address '2001:db8::/32' in an IPv4 access list");
   EXPECT_EQ(error("permit ip any any", true), "protocol 'ip' in an IPv6 access list");
   EXPECT_EQ(error("permit icmp any any", true), "protocol 'icmp' in an IPv6 access list");
+  // Found by the rule fuzzer: by number as by name, or the text would not
+  // read back.
+  EXPECT_EQ(error("permit 1 any any", true), "protocol '1' in an IPv6 access list");
+  EXPECT_EQ(error("permit 58 any any"), "protocol '58' in an IPv4 access list");
   EXPECT_EQ(error("permit ip any any eq 80"),
             "ports ('eq') are only allowed with tcp, udp or sctp");
   EXPECT_EQ(error("permit udp any any syn"),

@@ -77,6 +77,10 @@ TEST(SubRuleKeyTest, UnreadableTextIsRejectedTheFrameworkWay) {
   EXPECT_EQ(parseError("Value('Pbr::Iptables::SubRuleKey', ** {'aclRuleKey': "
                        "Value('PolicyMap::AclRuleKey', ** {'seqNo': 1"),
             "aclRuleKey: premature end of value type AclRuleKey");
+  // Found by the key fuzzer: a first digit above a small maximum.
+  EXPECT_EQ(parseError("Value('Pbr::Iptables::SubRuleKey', ** {'aclRuleKey': "
+                       "Value('PolicyMap::AclRuleKey', ** {'matchOption': 3})})"),
+            "aclRuleKey: matchOption: number out of range at column 103 deserializing AclRuleKey");
 }
 
 }  // namespace
