@@ -30,6 +30,8 @@ class PluginKernel : public ::testing::Test {
           "ip link set wm0 up && ip link set wm1 up", "ip link set wm2 up && ip link set wm3 up"}) {
       ns_->run(cmd);
     }
+    ns_->awaitLinkUp("wm0");
+    ns_->awaitLinkUp("wm2");
     w_ = std::make_unique<PbrSystemTest>();
   }
 

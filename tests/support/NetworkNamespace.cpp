@@ -75,4 +75,13 @@ std::string NetworkNamespace::run(const std::string& command) const {
   return out;
 }
 
+void NetworkNamespace::awaitLinkUp(const std::string& link) const {
+  const std::string show = "ip -o link show dev " + link;
+  for (int i = 0; i < 250; ++i) {
+    if (run(show).find(" state UP ") != std::string::npos) return;
+    usleep(20000);
+  }
+  ADD_FAILURE() << link << " is not up after 5 s";
+}
+
 }  // namespace waymark::test

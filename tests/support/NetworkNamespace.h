@@ -26,6 +26,11 @@ class NetworkNamespace {
   // output. A command that fails makes the test fail.
   std::string run(const std::string& command) const;
 
+  // Returns once `link` is operationally up. The kernel reports a new carrier
+  // up to a second late, and until then the link is not running: a test that
+  // reads addresses before that sees none. A link that stays down fails the test.
+  void awaitLinkUp(const std::string& link) const;
+
  private:
   std::string name_;
   int originalFd_ = -1;
