@@ -14,23 +14,13 @@
 #include <optional>
 #include <stdexcept>
 
+#include "platform/FileDescriptor.h"
+
 namespace Waymark {
 
 namespace {
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
+using Fd = Platform::FileDescriptor;
 
 bool fillAddress(const std::string& path, sockaddr_un* addr) {
   if (path.size() >= sizeof addr->sun_path) return false;

@@ -12,30 +12,13 @@
 #include <optional>
 #include <utility>
 
+#include "platform/FileDescriptor.h"
+
 namespace Platform {
 
 namespace {
 
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
-  Fd& operator=(Fd&& o) noexcept {
-    reset();
-    fd_ = std::exchange(o.fd_, -1);
-    return *this;
-  }
-  ~Fd() { reset(); }
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_ = -1;
-};
+using Fd = FileDescriptor;
 
 struct Pipe {
   Fd read;
