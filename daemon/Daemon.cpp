@@ -379,7 +379,7 @@ void Daemon::cleanupKernel() {
         writer.write(v6 ? Acl::aclTypeIpv6 : Acl::aclTypeIpv4, "*mangle\n" + text + "COMMIT\n");
     if (!result.ok) log(result.error);
   }
-  std::remove(options_.state.c_str());
+  state_.remove();
   log("removed waymark's chains, rules and tables");
 }
 

@@ -26,7 +26,7 @@ int JournaledCommandRunner::run(const std::string& command) {
     if (const auto t = numberAfter(command, "table")) tables.insert(*t);
     if (const auto t = numberAfter(command, "lookup")) tables.insert(*t);
     std::string error;
-    if (state_.record(priorities, tables) && !state_.save(&error)) {
+    if (!state_.journal(priorities, tables, &error)) {
       std::fprintf(stderr, "waymarkd: %s\n", error.c_str());
     }
   }

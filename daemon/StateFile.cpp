@@ -1,15 +1,18 @@
 #include "daemon/StateFile.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 namespace Waymark {
 
 void StateFile::load() {
+  loadJournal();
   std::ifstream in(path_);
   if (!in) return;
   try {
@@ -25,11 +28,42 @@ void StateFile::load() {
   }
 }
 
-bool StateFile::record(const std::set<uint32_t>& priorities, const std::set<uint32_t>& tables) {
-  const size_t before = priorities_.size() + tables_.size();
-  priorities_.insert(priorities.begin(), priorities.end());
-  tables_.insert(tables.begin(), tables.end());
-  return priorities_.size() + tables_.size() != before;
+// A line that does not read (the last one of a daemon killed mid-write
+// included) is skipped: the file may still hold its number.
+void StateFile::loadJournal() {
+  std::ifstream in(journalPath());
+  std::string kind;
+  unsigned long number = 0;
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    if (!(words >> kind >> number) || number > 0xffffffffu) continue;
+    if (kind == "priority") priorities_.insert(static_cast<uint32_t>(number));
+    if (kind == "table") tables_.insert(static_cast<uint32_t>(number));
+  }
+}
+
+bool StateFile::journal(const std::set<uint32_t>& priorities, const std::set<uint32_t>& tables,
+                        std::string* error) {
+  std::string lines;
+  for (const uint32_t p : priorities) {
+    if (priorities_.insert(p).second) lines += "priority " + std::to_string(p) + "\n";
+  }
+  for (const uint32_t t : tables) {
+    if (tables_.insert(t).second) lines += "table " + std::to_string(t) + "\n";
+  }
+  if (lines.empty()) return true;
+  if (!journal_.valid()) {
+    journal_ = Platform::FileDescriptor(
+        ::open(journalPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+  }
+  // One write of a few lines with O_APPEND: whole or, if the daemon dies
+  // inside it, cut short.
+  if (!journal_.valid() ||
+      ::write(journal_.get(), lines.data(), lines.size()) != static_cast<ssize_t>(lines.size())) {
+    *error = "cannot write " + journalPath();
+    return false;
+  }
+  return true;
 }
 
 void StateFile::clear() {
@@ -37,7 +71,7 @@ void StateFile::clear() {
   tables_.clear();
 }
 
-bool StateFile::save(std::string* error) const {
+bool StateFile::save(std::string* error) {
   const std::filesystem::path target(path_);
   std::error_code ec;
   if (target.has_parent_path()) std::filesystem::create_directories(target.parent_path(), ec);
@@ -54,7 +88,16 @@ bool StateFile::save(std::string* error) const {
     *error = "cannot rename " + temporary + " to " + path_;
     return false;
   }
+  // The file now holds everything the journal did.
+  journal_.reset();
+  std::remove(journalPath().c_str());
   return true;
+}
+
+void StateFile::remove() {
+  journal_.reset();
+  std::remove(path_.c_str());
+  std::remove(journalPath().c_str());
 }
 
 std::vector<std::string> StateFile::cleanupCommands() const {
