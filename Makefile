@@ -10,7 +10,7 @@ CTEST_ARGS ?=
 
 # Debian packages the build and the tests need.
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
-           clang-format iproute2 iptables procps libyaml-cpp-dev nlohmann-json3-dev
+           clang-format iproute2 iptables procps libyaml-dev nlohmann-json3-dev
 
 .PHONY: all deps build test test-asan fuzz reliability bench bench-scale demo clean format format-check
 

@@ -1,12 +1,12 @@
 #include "daemon/ConfigLoader.h"
 
-#include <yaml-cpp/yaml.h>
-
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <set>
 #include <sstream>
 
+#include "daemon/YamlDocument.h"
 #include "framework/Errors.h"
 #include "framework/String.h"
 #include "platform/AclRuleParser.h"
@@ -19,40 +19,37 @@ class Reader {
  public:
   explicit Reader(std::string file) : file_(std::move(file)) {}
 
-  [[noreturn]] void fail(const YAML::Node& at, const std::string& why) const {
-    const YAML::Mark m = at.Mark();
-    throw ConfigError(file_ + ":" + std::to_string(m.line + 1) + ":" +
-                      std::to_string(m.column + 1) + ": " + why);
+  [[noreturn]] void fail(const YamlNode& at, const std::string& why) const {
+    throw ConfigError(file_ + ":" + std::to_string(at.line()) + ":" + std::to_string(at.column()) +
+                      ": " + why);
   }
 
-  std::string scalar(const YAML::Node& n, const std::string& what) const {
-    if (!n.IsScalar()) fail(n, what + " must be a single value");
-    return n.Scalar();
+  std::string scalar(const YamlNode& n, const std::string& what) const {
+    if (!n.isScalar()) fail(n, what + " must be a single value");
+    return n.scalar();
   }
-  void requireMap(const YAML::Node& n, const std::string& what) const {
-    if (!n.IsMap()) fail(n, what + " must be a mapping of keys to values");
+  void requireMap(const YamlNode& n, const std::string& what) const {
+    if (!n.isMap()) fail(n, what + " must be a mapping of keys to values");
   }
-  void requireSequence(const YAML::Node& n, const std::string& what) const {
-    if (!n.IsSequence()) fail(n, what + " must be a list");
+  void requireSequence(const YamlNode& n, const std::string& what) const {
+    if (!n.isSequence()) fail(n, what + " must be a list");
   }
   // The map's entries, refusing duplicate and unknown keys.
-  std::vector<std::pair<YAML::Node, YAML::Node>> entries(const YAML::Node& map,
-                                                         const std::string& what,
-                                                         const std::set<std::string>& known = {}) {
+  std::vector<std::pair<YamlNode, YamlNode>> entries(const YamlNode& map, const std::string& what,
+                                                     const std::set<std::string>& known = {}) {
     requireMap(map, what);
-    std::vector<std::pair<YAML::Node, YAML::Node>> out;
+    auto out = map.pairs();
     std::set<std::string> seen;
-    for (auto it = map.begin(); it != map.end(); ++it) {
-      const std::string key = scalar(it->first, "a key of " + what);
-      if (!seen.insert(key).second) fail(it->first, "duplicate key " + Vix::quoted(key));
+    for (const auto& [keyNode, value] : out) {
+      const std::string key = scalar(keyNode, "a key of " + what);
+      if (!seen.insert(key).second) fail(keyNode, "duplicate key " + Vix::quoted(key));
       if (!known.empty() && known.count(key) == 0) {
-        fail(it->first, "unknown key " + Vix::quoted(key) + " in " + what);
+        fail(keyNode, "unknown key " + Vix::quoted(key) + " in " + what);
       }
-      out.emplace_back(it->first, it->second);
     }
     return out;
   }
-  std::string name(const YAML::Node& n, const std::string& what) const {
+  std::string name(const YamlNode& n, const std::string& what) const {
     const std::string value = scalar(n, what);
     if (!ConfigLoader::validName(value)) {
       fail(n, "invalid " + what + " " + Vix::quoted(value) +
@@ -60,13 +57,13 @@ class Reader {
     }
     return value;
   }
-  bool boolean(const YAML::Node& n, const std::string& what) const {
+  bool boolean(const YamlNode& n, const std::string& what) const {
     const std::string v = scalar(n, what);
     if (v == "true") return true;
     if (v == "false") return false;
     fail(n, what + " must be true or false, not " + Vix::quoted(v));
   }
-  double seconds(const YAML::Node& n, const std::string& what) const {
+  double seconds(const YamlNode& n, const std::string& what) const {
     const std::string v = scalar(n, what);
     char* end = nullptr;
     const double d = std::strtod(v.c_str(), &end);
@@ -75,13 +72,13 @@ class Reader {
     }
     return d;
   }
-  CommandExecutor executor(const YAML::Node& n, const std::string& what) const {
+  CommandExecutor executor(const YamlNode& n, const std::string& what) const {
     const std::string v = scalar(n, what);
     if (v == "shell") return CommandExecutor::shell;
     if (v == "netlink") return CommandExecutor::netlink;
     fail(n, what + " must be shell or netlink, not " + Vix::quoted(v));
   }
-  uint32_t count(const YAML::Node& n, const std::string& what, uint32_t low, uint32_t high) const {
+  uint32_t count(const YamlNode& n, const std::string& what, uint32_t low, uint32_t high) const {
     const std::string v = scalar(n, what);
     char* end = nullptr;
     const unsigned long c = std::strtoul(v.c_str(), &end, 10);
@@ -96,12 +93,12 @@ class Reader {
   std::string file_;
 };
 
-void readTunables(Reader& r, const YAML::Node& node, Tunables& t) {
+void readTunables(Reader& r, const YamlNode& node, Tunables& t) {
   for (const auto& [key, value] :
        r.entries(node, "tunables",
                  {"nexthop-programming-time-limit", "rules-per-invocation",
                   "rule-programming-time-limit", "command-executor"})) {
-    const std::string k = key.Scalar();
+    const std::string k = key.scalar();
     if (k == "nexthop-programming-time-limit") t.nexthopProgrammingTimeLimit = r.seconds(value, k);
     if (k == "rule-programming-time-limit") t.ruleProgrammingTimeLimit = r.seconds(value, k);
     if (k == "rules-per-invocation") t.rulesPerInvocation = r.count(value, k, 1, 100000);
@@ -109,19 +106,20 @@ void readTunables(Reader& r, const YAML::Node& node, Tunables& t) {
   }
 }
 
-AccessListSpec readAccessList(Reader& r, const std::string& listName, const YAML::Node& node) {
+AccessListSpec readAccessList(Reader& r, const std::string& listName, const YamlNode& node) {
   AccessListSpec list;
-  YAML::Node rules = node;
-  if (node.IsMap()) {
+  YamlNode rules = node;
+  if (node.isMap()) {
+    rules = YamlNode();
     for (const auto& [key, value] : r.entries(node, "access list " + listName, {"ipv6", "rules"})) {
-      if (key.Scalar() == "ipv6") list.ipv6 = r.boolean(value, "ipv6");
-      if (key.Scalar() == "rules") rules = value;
+      if (key.scalar() == "ipv6") list.ipv6 = r.boolean(value, "ipv6");
+      if (key.scalar() == "rules") rules = value;
     }
-    if (rules.IsMap()) r.fail(node, "access list " + Vix::quoted(listName) + " has no rules");
+    if (!rules) r.fail(node, "access list " + Vix::quoted(listName) + " has no rules");
   }
   r.requireSequence(rules, "the rules of access list " + Vix::quoted(listName));
   uint32_t last = 0;
-  for (const auto& ruleNode : rules) {
+  for (const auto& ruleNode : rules.items()) {
     const std::string text = r.scalar(ruleNode, "an access-list rule");
     Acl::AclRuleConfig rule;
     try {
@@ -143,22 +141,23 @@ AccessListSpec readAccessList(Reader& r, const std::string& listName, const YAML
   return list;
 }
 
-PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YAML::Node& node) {
+PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YamlNode& node) {
   PolicyClassSpec entry;
   int targets = 0;
-  YAML::Node classNode;
+  YamlNode classNode;
   for (const auto& [key, value] :
        r.entries(node, "a class of a policy map",
                  {"class", "nexthops", "nexthop-group", "passthrough"})) {
-    const std::string k = key.Scalar();
+    const std::string k = key.scalar();
     if (k == "class") {
       entry.className = r.name(value, "class name");
       classNode = value;
     } else if (k == "nexthops") {
       ++targets;
       r.requireSequence(value, "nexthops");
-      if (value.size() == 0) r.fail(value, "nexthops must name at least one address");
-      for (const auto& nh : value) {
+      const auto nexthops = value.items();
+      if (nexthops.empty()) r.fail(value, "nexthops must name at least one address");
+      for (const auto& nh : nexthops) {
         const std::string text = r.scalar(nh, "a nexthop");
         const auto addr = Velnet::IpGenAddr::tryParse(text);
         if (!addr) r.fail(nh, "invalid nexthop address " + Vix::quoted(text));
@@ -188,31 +187,31 @@ PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YAML:
   return entry;
 }
 
-ConfigModel readModel(Reader& r, const YAML::Node& root) {
+ConfigModel readModel(Reader& r, const YamlNode& root) {
   ConfigModel model;
-  if (root.IsNull()) return model;
+  if (!root || root.isNull()) return model;
   const auto top =
       r.entries(root, "the configuration",
                 {"tunables", "access-lists", "class-maps", "policy-maps", "interfaces"});
   auto section = [&](const char* name) {
     for (const auto& [key, value] : top) {
-      if (key.Scalar() == name) return value;
+      if (key.scalar() == name) return value;
     }
-    return YAML::Node();
+    return YamlNode();
   };
-  if (const auto t = section("tunables"); t && !t.IsNull()) readTunables(r, t, model.tunables);
-  if (const auto lists = section("access-lists"); lists && !lists.IsNull()) {
+  if (const auto t = section("tunables"); t && !t.isNull()) readTunables(r, t, model.tunables);
+  if (const auto lists = section("access-lists"); lists && !lists.isNull()) {
     for (const auto& [key, value] : r.entries(lists, "access-lists")) {
       const std::string n = r.name(key, "access-list name");
       model.accessLists.emplace(n, readAccessList(r, n, value));
     }
   }
-  if (const auto classes = section("class-maps"); classes && !classes.IsNull()) {
+  if (const auto classes = section("class-maps"); classes && !classes.isNull()) {
     for (const auto& [key, value] : r.entries(classes, "class-maps")) {
       const std::string n = r.name(key, "class name");
       r.requireSequence(value, "the access lists of class " + Vix::quoted(n));
       std::vector<std::string> lists;
-      for (const auto& list : value) {
+      for (const auto& list : value.items()) {
         const std::string l = r.name(list, "access-list name");
         if (model.accessLists.count(l) == 0) {
           r.fail(list, "unknown access list " + Vix::quoted(l) + " in class " + Vix::quoted(n));
@@ -222,13 +221,13 @@ ConfigModel readModel(Reader& r, const YAML::Node& root) {
       model.classMaps.emplace(n, lists);
     }
   }
-  if (const auto policies = section("policy-maps"); policies && !policies.IsNull()) {
+  if (const auto policies = section("policy-maps"); policies && !policies.isNull()) {
     for (const auto& [key, value] : r.entries(policies, "policy-maps")) {
       const std::string n = r.name(key, "policy name");
       r.requireSequence(value, "the classes of policy " + Vix::quoted(n));
       std::vector<PolicyClassSpec> classes;
       std::set<std::string> seen;
-      for (const auto& c : value) {
+      for (const auto& c : value.items()) {
         auto entry = readPolicyClass(r, model, c);
         if (!seen.insert(entry.className).second) {
           r.fail(c, "class " + Vix::quoted(entry.className) + " used twice in policy " +
@@ -239,7 +238,7 @@ ConfigModel readModel(Reader& r, const YAML::Node& root) {
       model.policyMaps.emplace_back(n, std::move(classes));
     }
   }
-  if (const auto intfs = section("interfaces"); intfs && !intfs.IsNull()) {
+  if (const auto intfs = section("interfaces"); intfs && !intfs.isNull()) {
     for (const auto& [key, value] : r.entries(intfs, "interfaces")) {
       const std::string intf = r.scalar(key, "interface name");
       if (!Velnet::IntfId::validName(intf)) {
@@ -271,14 +270,13 @@ bool ConfigLoader::validName(const std::string& name) {
 
 ConfigModel ConfigLoader::loadString(const std::string& text, const std::string& name) {
   Reader r(name);
-  YAML::Node root;
   try {
-    root = YAML::Load(text);
-  } catch (const YAML::Exception& e) {
-    throw ConfigError(name + ":" + std::to_string(e.mark.line + 1) + ":" +
-                      std::to_string(e.mark.column + 1) + ": " + e.msg);
+    const YamlDocument document(text);
+    return readModel(r, document.root());
+  } catch (const YamlSyntaxError& e) {
+    throw ConfigError(name + ":" + std::to_string(e.line()) + ":" + std::to_string(e.column()) +
+                      ": " + e.what());
   }
-  return readModel(r, root);
 }
 
 ConfigModel ConfigLoader::loadFile(const std::string& path) {

@@ -76,6 +76,19 @@ TEST(ConfigLoaderTest, RulesWithoutANumberFollowTheLastNumberedOne) {
   EXPECT_EQ(seqs, (std::vector<uint32_t>{10, 15, 25}));
 }
 
+TEST(ConfigLoaderTest, AnAnchorLetsClassesShareANexthopList) {
+  const auto m = ConfigLoader::loadString(
+      "access-lists: {a: [permit ip any any], b: [permit udp any any]}\n"
+      "class-maps: {a: [a], b: [b]}\n"
+      "policy-maps:\n  p:\n    - {class: a, nexthops: &pair [192.0.2.1, 192.0.2.2]}\n"
+      "    - {class: b, nexthops: *pair}\n",
+      "f");
+  const auto& classes = m.policyMaps.at(0).second;
+  ASSERT_EQ(classes.size(), 2u);
+  EXPECT_EQ(classes[1].nexthops, classes[0].nexthops);
+  EXPECT_EQ(classes[1].nexthops.size(), 2u);
+}
+
 TEST(ConfigLoaderTest, AnEmptyFileIsAnEmptyConfiguration) {
   const auto m = ConfigLoader::loadString("", "f");
   EXPECT_TRUE(m.policyMaps.empty());
@@ -130,7 +143,8 @@ TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
             "to 3600, not 'nan'");
   EXPECT_EQ(error("tunables:\n  command-executor: system\n"),
             "waymark.yaml:2:21: command-executor must be shell or netlink, not 'system'");
-  EXPECT_EQ(error("access-lists: [\n"), "waymark.yaml:2:1: end of sequence flow not found");
+  EXPECT_EQ(error("access-lists: [\n"),
+            "waymark.yaml:2:1: did not find expected node content while parsing a flow node");
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ const std::vector<Hostile> kHostile = {
     {"an over-long class name", file("l", "permit ip any any", std::string(65, 'c'), "p", "eth0"),
      "invalid class name"},
     {"non-UTF-8 bytes", withList("\"w\\xffb\""), "invalid access-list name"},
-    {"raw non-UTF-8 bytes", withList("w\xff\xfe"), "invalid access-list name"},
+    {"raw non-UTF-8 bytes", withList("w\xff\xfe"), "invalid leading UTF-8 octet (0xff)"},
     {"a duplicate key", "class-maps: {}\nclass-maps: {}\n", "duplicate key 'class-maps'"},
     {"an unknown key", "tunables:\n  rules-per-call: 3\n", "unknown key 'rules-per-call'"},
     {"a port above 65535", withRule("permit tcp any any eq 65536"), "invalid port '65536'"},
