@@ -46,7 +46,7 @@ source "$(dirname "$0")/../examples/scale-lab.sh"
 
 # A fresh namespace, and no state file: each run is a clean start.
 setup_ns() {
-  rm -f "$RUN/state.json"
+  rm -f "$RUN"/state.json*
   scale_namespace "$NS"
 }
 
