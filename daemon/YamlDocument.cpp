@@ -35,9 +35,10 @@ std::string orUnknown(const char* text) { return text != nullptr ? text : "unkno
 [[noreturn]] void raiseReaderError(const yaml_parser_t& p, const std::string& text) {
   const size_t offset = std::min(p.problem_offset, text.size());
   const size_t lineStart = offset == 0 ? 0 : text.rfind('\n', offset - 1);
-  const size_t line = 1 + static_cast<size_t>(std::count(text.begin(), text.begin() + offset, '\n'));
-  const size_t column = lineStart == 0 || lineStart == std::string::npos ? offset + 1
-                                                                          : offset - lineStart;
+  const size_t line =
+      1 + static_cast<size_t>(std::count(text.begin(), text.begin() + offset, '\n'));
+  const size_t column =
+      lineStart == 0 || lineStart == std::string::npos ? offset + 1 : offset - lineStart;
   std::string what = orUnknown(p.problem);
   if (p.problem_value >= 0) {
     char value[16];
@@ -52,8 +53,8 @@ std::string orUnknown(const char* text) { return text != nullptr ? text : "unkno
   if (p.error == YAML_READER_ERROR) raiseReaderError(p, text);
   std::string what = orUnknown(p.problem);
   if (p.context != nullptr) what += " " + std::string(p.context);
-  const bool elsewhere = p.context_mark.line != p.problem_mark.line ||
-                         p.context_mark.column != p.problem_mark.column;
+  const bool elsewhere =
+      p.context_mark.line != p.problem_mark.line || p.context_mark.column != p.problem_mark.column;
   if (p.context != nullptr && elsewhere) {
     what += " that starts at line " + std::to_string(p.context_mark.line + 1) + ", column " +
             std::to_string(p.context_mark.column + 1);
@@ -76,7 +77,8 @@ void refuseASecondDocument(Parser& parser, const std::string& text) {
 }
 
 bool plainNullText(const yaml_node_t& n) {
-  const std::string_view v(reinterpret_cast<const char*>(n.data.scalar.value), n.data.scalar.length);
+  const std::string_view v(reinterpret_cast<const char*>(n.data.scalar.value),
+                           n.data.scalar.length);
   return v.empty() || v == "~" || v == "null" || v == "Null" || v == "NULL";
 }
 
