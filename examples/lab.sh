@@ -63,6 +63,7 @@ lab_create() {
   in_ns nh1 ip route add default via 198.51.100.1;  in_ns nh1 ip -6 route add default via 2001:db8:2::1
   in_ns nh2 ip route add default via 198.51.100.65; in_ns nh2 ip -6 route add default via 2001:db8:3::1
   in_ns dflt ip route add default via 203.0.113.1;  in_ns dflt ip -6 route add default via 2001:db8:4::1
+  lab_links_running
 }
 
 lab_destroy() {
@@ -125,8 +126,19 @@ lab_stop_daemon() {
 
 lab_ctl() { "$WAYMARKCTL" --socket "$RUN/waymarkd.sock" "$@"; }
 
+# Waits, at most 5 s, until every link of the router that is set up is
+# running: the kernel reports a new carrier up to a second after the command
+# that raised the link returned, and waymarkd rightly waits for it.
+lab_links_running() {
+  local i
+  for i in $(seq 250); do
+    in_ns router ip -o link show up | grep -v ': lo:' | grep -qv ' state UP ' || return 0
+    sleep 0.02
+  done
+}
+
 # Lets waymarkd see a change and finish its kernel work.
-lab_settle() { sleep 0.3; lab_ctl wait-idle --timeout 10; }
+lab_settle() { lab_links_running; sleep 0.3; lab_ctl wait-idle --timeout 10; }
 
 # Packets each host has received for the service address so far.
 lab_seen() {

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
 
 #include "daemon/NetlinkListener.h"
@@ -33,6 +34,16 @@ class NetlinkListenerKernel : public ::testing::Test {
     ns_->run(command);
     listener_->handleEvents();
   }
+  // Reads events until `holds` does, for at most 5 s. A link's carrier
+  // reaches its flags through the kernel's link watcher, after the command
+  // that changed it has returned: up to a second later.
+  bool eventually(const std::function<bool()>& holds) {
+    for (int i = 0; i < 250 && !holds(); ++i) {
+      usleep(20000);
+      listener_->handleEvents();
+    }
+    return holds();
+  }
   Vix::Ptr<Ip::IpIntfStatus> wm0() const { return ip->ipIntfStatus(IntfId("wm0")); }
 
   Vix::Ptr<Ip::Status> ip = Vix::make<Ip::Status>();
@@ -51,13 +62,10 @@ TEST_F(NetlinkListenerKernel, TheDumpGivesPrimaryAndSecondaries) {
 
 TEST_F(NetlinkListenerKernel, ALinkThatGoesDownShowsNoAddressesUntilItIsBack) {
   change("ip link set wm1 down");  // wm0 loses its carrier: not running
-  EXPECT_TRUE(wm0()->activeAddrWithMask().isZero());
+  EXPECT_TRUE(eventually([&] { return wm0()->activeAddrWithMask().isZero(); }));
   EXPECT_TRUE(wm0()->activeSecondaryWithMask().empty());
   change("ip link set wm1 up");
-  for (int i = 0; i < 50 && wm0()->activeAddrWithMask().isZero(); ++i) {
-    usleep(20000);
-    listener_->handleEvents();
-  }
+  EXPECT_TRUE(eventually([&] { return !wm0()->activeAddrWithMask().isZero(); }));
   EXPECT_EQ(wm0()->activeAddrWithMask(), IpAddrWithMask::parse("192.0.2.1/24"));
 }
 
@@ -74,13 +82,11 @@ TEST_F(NetlinkListenerKernel, IPv6KeepsLinkLocalAndSkipsTentativeAddresses) {
   ASSERT_TRUE(s6);
   EXPECT_FALSE(s6->addr(Ip6AddrWithMask::parse("2001:db8::1/64")).empty());
   // The link-local address appears once its duplicate detection is over.
-  bool linkLocal = false;
-  for (int i = 0; i < 150 && !linkLocal; ++i) {
-    usleep(20000);
-    listener_->handleEvents();
+  EXPECT_TRUE(eventually([&] {
+    bool linkLocal = false;
     for (const auto& [a, info] : s6->addrs()) linkLocal |= a.addr().group(0) == 0xfe80;
-  }
-  EXPECT_TRUE(linkLocal);
+    return linkLocal;
+  }));
   change("ip -6 addr add 2001:db8::2/64 dev wm0");  // tentative while DAD runs
   EXPECT_TRUE(s6->addr(Ip6AddrWithMask::parse("2001:db8::2/64")).empty());
 }
