@@ -28,8 +28,8 @@ void StateFile::load() {
   }
 }
 
-// A line that does not read (the last one of a daemon killed mid-write
-// included) is skipped: the file may still hold its number.
+// A line that does not read is skipped. Each line is whole: the daemon
+// writes it in one call and runs the command only after that call returned.
 void StateFile::loadJournal() {
   std::ifstream in(journalPath());
   std::string kind;
