@@ -67,7 +67,9 @@ std::string orUnknown(const char* text) { return text != nullptr ? text : "unkno
 void refuseASecondDocument(Parser& parser, const std::string& text) {
   yaml_document_t next;
   if (yaml_parser_load(parser.get(), &next) == 0) raise(*parser.get(), text);
-  const bool present = yaml_document_get_root_node(&next) != nullptr;
+  // An empty one, as a trailing "---" makes, holds nothing to refuse.
+  yaml_node_t* root = yaml_document_get_root_node(&next);
+  const bool present = root != nullptr && !YamlNode(&next, root).isNull();
   const yaml_mark_t at = next.start_mark;
   yaml_document_delete(&next);
   if (present) {

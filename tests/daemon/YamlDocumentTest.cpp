@@ -67,6 +67,7 @@ TEST(YamlDocumentTest, WhatIsNotYamlIsRefusedWithItsPlace) {
   EXPECT_EQ(syntaxError("a: *nowhere\n"), "1:4: found undefined alias");
   EXPECT_EQ(syntaxError("a: 1\n---\nb: 2\n"),
             "2:1: a second document (the configuration is one document)");
+  EXPECT_EQ(syntaxError("---\na: 1\n---\n"), "parsed");
   // Bytes that are not UTF-8 are found by offset, and placed by counting.
   EXPECT_EQ(syntaxError("a: 1\nbb: c\xff\n"), "2:6: invalid leading UTF-8 octet (0xff)");
   EXPECT_EQ(syntaxError("a: 1\n\x01\n"), "2:1: control characters are not allowed (0x01)");
