@@ -1,23 +1,28 @@
-// One parsed YAML document, for the configuration loader: libyaml's composed
-// tree with the place of every node, so that the loader can name the line and
-// column of whatever it refuses. libyaml, not yaml-cpp: on a 75,000-line
-// configuration it parses in a tenth of the time, and a reload is mostly
-// parsing. An alias shares its anchor's node, so repeating aliases cannot
-// make a file grow in memory.
+// One parsed YAML document, for the configuration loader: a tree of nodes
+// with the place of every node, so that the loader can name the line and
+// column of whatever it refuses.
+//
+// libyaml reads the text, not yaml-cpp: on a 75,000-line configuration it
+// parses in a tenth of the time, and a reload is mostly parsing. The tree is
+// composed here from libyaml's events rather than by libyaml's own loader,
+// for two limits that a file from outside needs: nesting deeper than
+// kMaxDepth is refused (libyaml's scanner slows with every open level, so a
+// file of 200,000 brackets would hold the daemon for minutes), and an alias
+// shares its anchor's finished node (repeating aliases cannot make a file
+// grow in memory, and a node cannot contain itself).
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-struct yaml_document_s;
-struct yaml_node_s;
-
 namespace Waymark {
 
-// A file that is not YAML. Line and column count from 1.
+// A file that is not YAML, or not one this reader takes. Line and column
+// count from 1.
 class YamlSyntaxError : public std::runtime_error {
  public:
   YamlSyntaxError(size_t line, size_t column, const std::string& what)
@@ -30,13 +35,15 @@ class YamlSyntaxError : public std::runtime_error {
   size_t column_;
 };
 
+struct YamlNodeData;
+
 // A node of a YamlDocument, valid while the document lives. A default
 // YamlNode stands for "not there" and is false. Empty, "~" and "null" in
 // plain style are null, not scalars, as YAML means them.
 class YamlNode {
  public:
   YamlNode() = default;
-  YamlNode(yaml_document_s* document, yaml_node_s* node) : document_(document), node_(node) {}
+  explicit YamlNode(const YamlNodeData* node) : node_(node) {}
 
   explicit operator bool() const { return node_ != nullptr; }
   bool isNull() const;
@@ -45,7 +52,7 @@ class YamlNode {
   bool isSequence() const;
 
   // REQUIRES: isScalar()
-  std::string scalar() const;
+  const std::string& scalar() const;
   // Where the node starts, from 1; 0 for a node that is not there.
   size_t line() const;
   size_t column() const;
@@ -57,28 +64,28 @@ class YamlNode {
   std::vector<std::pair<YamlNode, YamlNode>> pairs() const;
 
  private:
-  yaml_document_s* document_ = nullptr;
-  yaml_node_s* node_ = nullptr;
+  const YamlNodeData* node_ = nullptr;
 };
 
 class YamlDocument {
  public:
-  // Parses `text`, which must hold at most one document. Throws
-  // YamlSyntaxError.
+  // Collections open inside each other at most; a configuration needs six.
+  static constexpr size_t kMaxDepth = 64;
+
+  // Parses `text`, which must hold at most one document with content.
+  // Throws YamlSyntaxError.
   explicit YamlDocument(const std::string& text);
   ~YamlDocument();
   YamlDocument(const YamlDocument&) = delete;
   YamlDocument& operator=(const YamlDocument&) = delete;
 
   // The document's top node; false for an empty file.
-  YamlNode root() const;
+  YamlNode root() const { return YamlNode(root_); }
 
  private:
-  // Frees the nodes, then the document.
-  struct Release {
-    void operator()(yaml_document_s* document) const;
-  };
-  std::unique_ptr<yaml_document_s, Release> document_;
+  struct Nodes;
+  std::unique_ptr<Nodes> nodes_;
+  const YamlNodeData* root_ = nullptr;
 };
 
 }  // namespace Waymark

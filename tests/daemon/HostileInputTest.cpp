@@ -46,6 +46,9 @@ const std::vector<Hostile> kHostile = {
      "invalid class name"},
     {"non-UTF-8 bytes", withList("\"w\\xffb\""), "invalid access-list name"},
     {"raw non-UTF-8 bytes", withList("w\xff\xfe"), "invalid leading UTF-8 octet (0xff)"},
+    // Refused at the limit, before the parser slows down with every level.
+    {"lists nested 200,000 deep", "a: " + std::string(200000, '[') + std::string(200000, ']'),
+     "nesting deeper than 64 levels"},
     {"a duplicate key", "class-maps: {}\nclass-maps: {}\n", "duplicate key 'class-maps'"},
     {"an unknown key", "tunables:\n  rules-per-call: 3\n", "unknown key 'rules-per-call'"},
     {"a port above 65535", withRule("permit tcp any any eq 65536"), "invalid port '65536'"},

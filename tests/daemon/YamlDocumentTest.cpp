@@ -59,6 +59,20 @@ TEST(YamlDocumentTest, AnAliasIsItsAnchorsNode) {
   EXPECT_EQ(pairs[1].second.line(), 1u);
 }
 
+TEST(YamlDocumentTest, AnAliasCannotNameTheCollectionItStandsIn) {
+  EXPECT_EQ(syntaxError("a: &loop [1, *loop]\n"), "1:14: found undefined alias");
+}
+
+TEST(YamlDocumentTest, NestingIsBoundedWhereTheLimitIsCrossed) {
+  const size_t limit = YamlDocument::kMaxDepth;
+  const auto nested = [](size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']') + "\n";
+  };
+  EXPECT_EQ(syntaxError(nested(limit)), "parsed");
+  EXPECT_EQ(syntaxError(nested(limit + 1)),
+            "1:" + std::to_string(limit + 1) + ": nesting deeper than 64 levels");
+}
+
 TEST(YamlDocumentTest, WhatIsNotYamlIsRefusedWithItsPlace) {
   EXPECT_EQ(syntaxError("x: [a, b\ny: 1\n"),
             "2:2: did not find expected ',' or ']' while parsing a flow sequence that starts at "
@@ -71,6 +85,8 @@ TEST(YamlDocumentTest, WhatIsNotYamlIsRefusedWithItsPlace) {
   // Bytes that are not UTF-8 are found by offset, and placed by counting.
   EXPECT_EQ(syntaxError("a: 1\nbb: c\xff\n"), "2:6: invalid leading UTF-8 octet (0xff)");
   EXPECT_EQ(syntaxError("a: 1\n\x01\n"), "2:1: control characters are not allowed (0x01)");
+  EXPECT_EQ(syntaxError("\n\x01"), "2:1: control characters are not allowed (0x01)");
+  EXPECT_EQ(syntaxError("\x01"), "1:1: control characters are not allowed (0x01)");
 }
 
 }  // namespace
