@@ -35,8 +35,7 @@ class NetlinkCommandRunnerKernel : public ::testing::Test {
   void SetUp() override {
     WAYMARK_REQUIRE_NETNS();
     ns_ = std::make_unique<NetworkNamespace>();
-    ns_->run("ip link add wm0 type veth peer name wm1 && ip link set wm0 up && ip link set wm1 up");
-    ns_->awaitLinkUp("wm0");
+    ns_->addLinkPair("wm0", "wm1");
     ns_->run("ip addr add 192.0.2.254/24 dev wm0 && ip -6 addr add 2001:db8::fe/64 dev wm0 nodad");
   }
   // Statuses of the commands, then what the kernel holds.

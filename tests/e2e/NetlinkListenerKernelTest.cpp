@@ -21,8 +21,7 @@ class NetlinkListenerKernel : public ::testing::Test {
   void SetUp() override {
     WAYMARK_REQUIRE_NETNS();
     ns_ = std::make_unique<NetworkNamespace>();
-    ns_->run("ip link add wm0 type veth peer name wm1 && ip link set wm0 up && ip link set wm1 up");
-    ns_->awaitLinkUp("wm0");
+    ns_->addLinkPair("wm0", "wm1");
     ns_->run("ip addr add 192.0.2.1/24 dev wm0 && ip addr add 192.0.2.2/24 dev wm0");
     ns_->run("ip addr add 198.51.100.1/24 dev wm0");
     listener_ = std::make_unique<Waymark::NetlinkListener>(ip, ip6);

@@ -23,15 +23,10 @@ class PluginKernel : public ::testing::Test {
   void SetUp() override {
     WAYMARK_REQUIRE_NETNS();
     ns_ = std::make_unique<NetworkNamespace>();
-    for (const char* cmd :
-         {"ip link add wm0 type veth peer name wm1", "ip link add wm2 type veth peer name wm3",
-          "ip addr add 192.0.2.254/24 dev wm0", "ip addr add 198.51.100.254/24 dev wm2",
-          "ip -6 addr add 2001:db8::fe/64 dev wm0 nodad",
-          "ip link set wm0 up && ip link set wm1 up", "ip link set wm2 up && ip link set wm3 up"}) {
-      ns_->run(cmd);
-    }
-    ns_->awaitLinkUp("wm0");
-    ns_->awaitLinkUp("wm2");
+    ns_->addLinkPair("wm0", "wm1");
+    ns_->addLinkPair("wm2", "wm3");
+    ns_->run("ip addr add 192.0.2.254/24 dev wm0 && ip addr add 198.51.100.254/24 dev wm2");
+    ns_->run("ip -6 addr add 2001:db8::fe/64 dev wm0 nodad");
     w_ = std::make_unique<PbrSystemTest>();
   }
 

@@ -17,11 +17,9 @@ class RoutingTableKernel : public ::testing::Test {
     ns_ = std::make_unique<NetworkNamespace>();
     // A link with addresses in the nexthops' subnets, so that the kernel
     // accepts them as gateways.
-    ns_->run("ip link add wm0 type veth peer name wm1");
+    ns_->addLinkPair("wm0", "wm1");
     ns_->run("ip addr add 192.0.2.254/24 dev wm0");
     ns_->run("ip -6 addr add 2001:db8::fe/64 dev wm0 nodad");
-    ns_->run("ip link set wm0 up && ip link set wm1 up");
-    ns_->awaitLinkUp("wm0");
     manager->trieIs()->routeIs(Velnet::Prefix::parse("192.0.2.0/24"), true);
     manager->trie6Is()->routeIs(Velnet::Ip6Prefix::parse("2001:db8::/64"), true);
   }

@@ -75,13 +75,15 @@ std::string NetworkNamespace::run(const std::string& command) const {
   return out;
 }
 
-void NetworkNamespace::awaitLinkUp(const std::string& link) const {
-  const std::string show = "ip -o link show dev " + link;
+void NetworkNamespace::addLinkPair(const std::string& a, const std::string& b) const {
+  run("ip link add " + a + " type veth peer name " + b + " && ip link set " + a +
+      " up && ip link set " + b + " up");
+  const std::string show = "ip -o link show dev " + a;
   for (int i = 0; i < 250; ++i) {
     if (run(show).find(" state UP ") != std::string::npos) return;
     usleep(20000);
   }
-  ADD_FAILURE() << link << " is not up after 5 s";
+  ADD_FAILURE() << a << " is not up after 5 s";
 }
 
 }  // namespace waymark::test

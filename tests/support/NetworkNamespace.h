@@ -26,10 +26,11 @@ class NetworkNamespace {
   // output. A command that fails makes the test fail.
   std::string run(const std::string& command) const;
 
-  // Returns once `link` is operationally up. The kernel reports a new carrier
-  // up to a second late, and until then the link is not running: a test that
-  // reads addresses before that sees none. A link that stays down fails the test.
-  void awaitLinkUp(const std::string& link) const;
+  // Adds a veth pair `a`-`b`, sets both ends up and returns once `a` is
+  // running. The kernel reports a new carrier up to a second late, and until
+  // then a test that reads the link's addresses sees none, and one that adds
+  // routes over it meets a link down. A link that stays down fails the test.
+  void addLinkPair(const std::string& a, const std::string& b) const;
 
  private:
   std::string name_;
