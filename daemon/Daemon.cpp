@@ -6,6 +6,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -14,12 +15,11 @@
 
 #include "daemon/ConfigLoader.h"
 #include "daemon/DryRun.h"
-#include "daemon/JournaledCommandRunner.h"
-#include "daemon/NetlinkCommandRunner.h"
-#include "daemon/QuietCommandRunner.h"
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
 #include "framework/Trace.h"
+#include "kernel/NetlinkCommandRunner.h"
+#include "kernel/QuietCommandRunner.h"
 #include "platform/Cell.h"
 #include "platform/ChildProcess.h"
 #include "plugin/StateDatabase.h"
@@ -98,7 +98,21 @@ std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::st
   return o;
 }
 
-Daemon::Daemon(DaemonOptions options) : options_(std::move(options)), state_(options_.state) {}
+const char* phaseName(StartupPhase phase) {
+  switch (phase) {
+    case StartupPhase::programmingNexthops:
+      return "programming nexthops";
+    case StartupPhase::writingRules:
+      return "writing rules";
+    case StartupPhase::removingLeftovers:
+      return "removing leftovers";
+    case StartupPhase::running:
+      break;
+  }
+  return "running";
+}
+
+Daemon::Daemon(DaemonOptions options) : options_(std::move(options)), journal_(options_.state) {}
 
 Daemon::~Daemon() {
   for (const int fd : {epoll_, timer_, signals_}) {
@@ -137,18 +151,8 @@ int Daemon::run() {
   return 0;
 }
 
-void Daemon::runQuietly(const std::string& command) {
-  if (options_.dryRun) {
-    std::printf("dry-run: %s\n", command.c_str());
-    return;
-  }
-  std::vector<std::string> argv;
-  std::istringstream words(command);
-  for (std::string w; words >> w;) argv.push_back(w);
-  Platform::ChildProcess::run(argv, "", 10);
-}
-
 bool Daemon::start(std::string* error) {
+  startedAt_ = monotonic();
   Cell::cellIdIs(options_.cellId);
   store_ = Vix::make<Stordb::EntityManager>();
   pbrConfig_ = Vix::make<Pbr::Config>();
@@ -158,13 +162,7 @@ bool Daemon::start(std::string* error) {
 
   netlink_ = std::make_unique<NetlinkListener>(ipStatus_, ip6Status_);
   if (!netlink_->open(error)) return false;
-
-  // Rules and tables an earlier run left behind would collide with the ones
-  // this run allocates.
-  state_.load();
-  for (const auto& command : state_.cleanupCommands()) runQuietly(command);
-  state_.clear();
-  if (!options_.dryRun && !state_.save(error)) return false;
+  if (!options_.dryRun) readKernel();
 
   Pbr::fillStateDatabase(*store_, {pbrConfig_, Vix::make<PolicyMap::PolicyMapTypeStatus>(),
                                    aclConfig_, ipStatus_, ip6Status_});
@@ -172,19 +170,13 @@ bool Daemon::start(std::string* error) {
   gate_ = std::make_unique<ConfigGate>(*applier_);
   gate_->prepare(model_);
 
-  if (options_.dryRun) {
-    shellRunner_ = std::make_unique<PrintingCommandRunner>();
-    kernelWriter_ = std::make_unique<PrintingIptablesWriter>();
-  } else {
-    shellRunner_ = std::make_unique<QuietCommandRunner>(options_.childTimeLimit);
-    kernelWriter_ = std::make_unique<AclUtils::RestoreIptablesWriter>(options_.childTimeLimit);
-    netlinkRunner_ = std::make_unique<NetlinkCommandRunner>(shellRunner_.get());
-    journaledShell_ = std::make_unique<JournaledCommandRunner>(state_, *shellRunner_);
-    journaledNetlink_ = std::make_unique<JournaledCommandRunner>(state_, *netlinkRunner_);
-  }
+  createRunners();
   plugin_ = Pbr::aclPluginFactory("waymark");
-  plugin_->init(
-      Vix::make<Acl::PluginContext>(store_, commandRunner(model_.tunables), kernelWriter_.get()));
+  AclUtils::IptablesWriter* writer =
+      asyncWriter_ ? static_cast<AclUtils::IptablesWriter*>(asyncWriter_.get())
+                   : printingWriter_.get();
+  plugin_->init(Vix::make<Acl::PluginContext>(store_, executor(model_.tunables), writer));
+  foreign_.reserveIn(*plugin_->nexthopTableManager());
   applyTunables(model_.tunables);
   gate_->begin(plugin_->nexthopTableManager(), model_);
 
@@ -203,7 +195,9 @@ bool Daemon::start(std::string* error) {
     *error = std::string("event loop: ") + std::strerror(errno);
     return false;
   }
-  for (const int fd : {signals_, timer_, netlink_->fd(), control_->fd()}) {
+  std::vector<int> fds = {signals_, timer_, netlink_->fd(), control_->fd()};
+  if (asyncWriter_) fds.push_back(asyncWriter_->fd());
+  for (const int fd : fds) {
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.fd = fd;
@@ -213,6 +207,35 @@ bool Daemon::start(std::string* error) {
   return true;
 }
 
+void Daemon::readKernel() {
+  journal_.load();
+  routing_ = std::make_unique<Kernel::KernelRouting>();
+  std::vector<Kernel::PolicyRule> rules;
+  std::vector<Kernel::RouteTableId> tables;
+  for (const bool v6 : {false, true}) {
+    for (const auto& rule : routing_->rules(v6)) rules.push_back(rule);
+    for (const auto& [table, routes] : routing_->routeTables(v6)) tables.push_back({v6, table});
+  }
+  foreign_ = ForeignNumbers::of(rules, tables, journal_);
+}
+
+void Daemon::createRunners() {
+  if (options_.dryRun) {
+    shellRunner_ = std::make_unique<PrintingCommandRunner>();
+    printingWriter_ = std::make_unique<PrintingIptablesWriter>();
+    phase_ = StartupPhase::running;
+    return;
+  }
+  shellRunner_ = std::make_unique<Kernel::QuietCommandRunner>(options_.childTimeLimit);
+  netlinkRunner_ = std::make_unique<Kernel::NetlinkCommandRunner>(*routing_, *shellRunner_);
+  journaled_ = std::make_unique<Kernel::JournaledCommandRunner>(journal_, *routing_, *shellRunner_);
+  restore_ = std::make_unique<AclUtils::RestoreIptablesWriter>(options_.childTimeLimit);
+  asyncWriter_ = std::make_unique<Kernel::AsyncIptablesWriter>(*restore_);
+  // The dispatch chain's set-up and the start's batches form one
+  // transaction per family.
+  asyncWriter_->hold();
+}
+
 void Daemon::loop() {
   while (!stop_) {
     const double turn = monotonic();
@@ -220,6 +243,7 @@ void Daemon::loop() {
     // loop serves its sockets between them.
     Vix::activityManager().runDue(1);
     gate_->applyWhenQuiet(model_);
+    advanceStartup();
     const double sleep = Vix::activityManager().sleepTime();
     itimerspec when{};
     if (sleep != Vix::kNever && sleep > 0) {
@@ -249,9 +273,57 @@ void Daemon::loop() {
         netlink_->handleEvents();
       } else if (fd == control_->fd()) {
         control_->handle();
+      } else if (asyncWriter_ && fd == asyncWriter_->fd()) {
+        takeWriterOutcomes();
       }
     }
   }
+}
+
+void Daemon::takeWriterOutcomes() {
+  for (const auto& o : asyncWriter_->takeOutcomes()) {
+    const auto option = o.type == Acl::aclTypeIpv6 ? PolicyMap::matchIpv6 : PolicyMap::matchIpv4;
+    if (const auto typeData = plugin_->aclHelper()->aclTypeData(option)) {
+      typeData->iptablesManager()->outcomeIs(o.result, o.text);
+    }
+  }
+}
+
+void Daemon::advanceStartup() {
+  if (phase_ == StartupPhase::programmingNexthops) {
+    if (gate_->startingUp() || gate_->waiting() || !StatusReport::idle(*plugin_)) return;
+    phase_ = StartupPhase::writingRules;
+    asyncWriter_->commit();
+  }
+  if (phase_ == StartupPhase::writingRules) {
+    if (!asyncWriter_->idle()) return;
+    phase_ = StartupPhase::removingLeftovers;
+    removeLeftovers();
+    phase_ = StartupPhase::running;
+    log("started: " + std::to_string(asyncWriter_->transactions()) +
+        " start-up transaction(s) written whole, " +
+        std::to_string(asyncWriter_->transactionFallbacks()) + " written batch by batch; " +
+        std::to_string(leftoverRulesRemoved_) + " rule(s) and " +
+        std::to_string(leftoverTablesRemoved_) + " table(s) of the previous run removed");
+  }
+}
+
+void Daemon::removeLeftovers() {
+  // Rules first, so that a marked packet never meets a rule whose table has
+  // just been emptied.
+  for (const auto& rule : journal_.leftoverRules()) {
+    const int result = routing_->deleteRule(rule);
+    if (result != 0 && result != -ENOENT) continue;
+    journal_.ruleReleased(rule);
+    if (result == 0) ++leftoverRulesRemoved_;
+  }
+  for (const auto& table : journal_.leftoverTables()) {
+    const int removed = routing_->flushTable(table.v6, table.table);
+    if (removed < 0) continue;
+    journal_.tableReleased(table);
+    if (removed > 0) ++leftoverTablesRemoved_;
+  }
+  if (!journal_.compact()) log(journal_.error());
 }
 
 std::string Daemon::reload() {
@@ -285,16 +357,20 @@ nlohmann::json Daemon::interfaces() const {
   return out;
 }
 
-bool Daemon::idle() const { return !gate_->waiting() && StatusReport::idle(*plugin_); }
+bool Daemon::idle() const {
+  return phase_ == StartupPhase::running && !gate_->waiting() && StatusReport::idle(*plugin_) &&
+         (!asyncWriter_ || asyncWriter_->idle());
+}
 
-Pbr::CommandRunner* Daemon::commandRunner(const Tunables& t) const {
+Pbr::CommandRunner* Daemon::executor(const Tunables& t) const {
   if (options_.dryRun) return shellRunner_.get();
-  if (t.commandExecutor == CommandExecutor::netlink) return journaledNetlink_.get();
-  return journaledShell_.get();
+  journaled_->nextIs(t.commandExecutor == CommandExecutor::netlink ? *netlinkRunner_
+                                                                   : *shellRunner_);
+  return journaled_.get();
 }
 
 void Daemon::applyTunables(const Tunables& t) {
-  plugin_->nexthopTableManager()->commandRunnerIs(commandRunner(t));
+  plugin_->nexthopTableManager()->commandRunnerIs(executor(t));
   plugin_->nexthopTableManager()->nexthopProgrammingTimeLimitIs(t.nexthopProgrammingTimeLimit);
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
     const auto typeData = plugin_->aclHelper()->aclTypeDataIs(option);
@@ -325,26 +401,42 @@ std::string Daemon::setTunable(const std::string& name, const std::string& value
   return "";
 }
 
+nlohmann::json Daemon::status() const {
+  nlohmann::json status = StatusReport::build(*plugin_);
+  status["idle"] = idle();
+  status["interfaces"] = interfaces();
+  const auto& manager = *plugin_->nexthopTableManager();
+  uint32_t programmed = 0;
+  manager.programmedSet().forEach([&](const auto&, bool p) { programmed += p ? 1 : 0; });
+  status["startup"] = {{"phase", phaseName(phase_)},
+                       {"nexthopsProgrammed", programmed},
+                       {"nexthopsPending", manager.pendingNexthops().members()},
+                       {"leftoverRulesRemoved", leftoverRulesRemoved_},
+                       {"leftoverTablesRemoved", leftoverTablesRemoved_}};
+  status["reserved"] = foreign_.toJson();
+  status["journal"] = {{"numbersHeld", journal_.size()},
+                       {"journalLines", journal_.journalLines()},
+                       {"error", journal_.error()}};
+  status["daemon"] = {
+      {"config", options_.config},
+      {"uptime", monotonic() - startedAt_},
+      {"longestLoopTurn", longestTurn_},
+      {"reloads", reloads_},
+      {"reloadsFailed", reloadsFailed_},
+      {"lastReloadError", lastReloadError_},
+      {"netlinkRedumps", netlink_->redumps()},
+      {"commandExecutor",
+       model_.tunables.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
+      {"startingUp", phase_ != StartupPhase::running},
+      {"configWaiting", gate_->waiting()},
+      {"writerIdle", !asyncWriter_ || asyncWriter_->idle()},
+      {"dryRun", options_.dryRun}};
+  return status;
+}
+
 nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
   const std::string command = request.value("command", "");
-  if (command == "status") {
-    nlohmann::json status = StatusReport::build(*plugin_);
-    status["idle"] = idle();
-    status["interfaces"] = interfaces();
-    status["daemon"] = {
-        {"config", options_.config},
-        {"longestLoopTurn", longestTurn_},
-        {"reloads", reloads_},
-        {"reloadsFailed", reloadsFailed_},
-        {"lastReloadError", lastReloadError_},
-        {"netlinkRedumps", netlink_->redumps()},
-        {"commandExecutor",
-         model_.tunables.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
-        {"startingUp", gate_->startingUp()},
-        {"configWaiting", gate_->waiting()},
-        {"dryRun", options_.dryRun}};
-    return status;
-  }
+  if (command == "status") return status();
   if (command == "reload") {
     const std::string error = reload();
     return {{"ok", error.empty()}, {"error", error}};
@@ -353,13 +445,22 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
     const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
     return {{"ok", error.empty()}, {"error", error}};
   }
-  if (command == "idle") return {{"idle", idle()}};
+  if (command == "idle") {
+    // What the kernel has already reported counts as work not yet done:
+    // take it in first, so that a change made just before asking is seen.
+    netlink_->handleEvents();
+    if (asyncWriter_) takeWriterOutcomes();
+    return {{"idle", idle()}};
+  }
   return {{"ok", false}, {"error", "unknown command '" + command + "'"}};
 }
 
 void Daemon::cleanupKernel() {
-  state_.load();
-  for (const auto& command : state_.cleanupCommands()) runQuietly(command);
+  journal_.load();
+  Kernel::KernelRouting routing;
+  for (const auto& rule : journal_.rules()) routing.deleteRule(rule);
+  for (const auto& table : journal_.tables()) routing.flushTable(table.v6, table.table);
+  AclUtils::RestoreIptablesWriter writer;
   for (const bool v6 : {false, true}) {
     const char* tool = v6 ? "ip6tables" : "iptables";
     const auto listing = Platform::ChildProcess::run({tool, "-w", "-t", "mangle", "-S"}, "", 30);
@@ -374,12 +475,11 @@ void Daemon::cleanupKernel() {
     for (const auto& c : chains) text += "-F " + c + "\n";
     for (const auto& c : chains) text += "-X " + c + "\n";
     if (text.empty()) continue;
-    AclUtils::RestoreIptablesWriter writer;
     const auto result =
-        writer.write(v6 ? Acl::aclTypeIpv6 : Acl::aclTypeIpv4, "*mangle\n" + text + "COMMIT\n");
+        writer.writeNow(v6 ? Acl::aclTypeIpv6 : Acl::aclTypeIpv4, "*mangle\n" + text + "COMMIT\n");
     if (!result.ok) log(result.error);
   }
-  state_.remove();
+  journal_.remove();
   log("removed waymark's chains, rules and tables");
 }
 

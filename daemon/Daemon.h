@@ -6,11 +6,18 @@
 // bounded by its time slice), then waits; the longest turn is kept for the
 // status.
 //
-// Start-up: load and validate the configuration, dump links and addresses,
-// remove what an earlier run recorded in the state file, fill the state
-// database, create and initialise the plug-in, run; the policies follow once
-// their nexthops are programmed, and every reload is applied while the
-// nexthop loop is quiet (ConfigGate).
+// Start-up removes nothing up front, so that traffic keeps flowing through
+// what the previous run left: load and validate the configuration, dump
+// links and addresses, read the state journal and the kernel's rules and
+// tables (what is not waymark's is never handed out), fill the state
+// database, hold the iptables writer, create and initialise the plug-in and
+// open the control socket. Then, on the loop: the nexthops are programmed
+// (a nexthop that gets the numbers it had before has its rule and route
+// replaced in place), the policies follow once their nexthops are
+// programmed (ConfigGate), the held batches of each family reach the kernel
+// as one transaction, and what the previous run held and this one did not
+// take again is removed. Every reload is applied while the nexthop loop is
+// quiet.
 #pragma once
 
 #include <memory>
@@ -23,8 +30,12 @@
 #include "daemon/ConfigGate.h"
 #include "daemon/ConfigModel.h"
 #include "daemon/ControlServer.h"
+#include "daemon/ForeignNumbers.h"
 #include "daemon/NetlinkListener.h"
-#include "daemon/StateFile.h"
+#include "kernel/AsyncIptablesWriter.h"
+#include "kernel/JournaledCommandRunner.h"
+#include "kernel/KernelRouting.h"
+#include "kernel/StateJournal.h"
 #include "nexthop/CommandRunner.h"
 #include "platform/IptablesManager.h"
 #include "plugin/AclPlugin.h"
@@ -44,6 +55,9 @@ struct DaemonOptions {
   double childTimeLimit = 30.0;
 };
 
+// Where a start stands; the status shows it.
+enum class StartupPhase { programmingNexthops, writingRules, removingLeftovers, running };
+
 class Daemon {
  public:
   explicit Daemon(DaemonOptions options);
@@ -58,22 +72,34 @@ class Daemon {
 
  private:
   bool start(std::string* error);
+  // Reads the state journal and the kernel's rules and tables.
+  void readKernel();
+  void createRunners();
   void loop();
+  // Moves the start on when its current phase is done.
+  void advanceStartup();
+  // Removes what the previous run held and this one did not take again.
+  void removeLeftovers();
+  // Hands the writer's outcomes to the iptables managers.
+  void takeWriterOutcomes();
   nlohmann::json handleRequest(const nlohmann::json& request);
+  nlohmann::json status() const;
   // Loads the file again and applies the difference; "" or why not.
   std::string reload();
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
-  Pbr::CommandRunner* commandRunner(const Tunables& t) const;
+  Pbr::CommandRunner* executor(const Tunables& t) const;
   void cleanupKernel();
-  void runQuietly(const std::string& command);
+  // No kernel work pending anywhere, the start included.
   bool idle() const;
   // Each interface's IPv4 addresses as the daemon knows them, primary first.
   nlohmann::json interfaces() const;
 
   DaemonOptions options_;
   ConfigModel model_;
-  StateFile state_;
+  Kernel::StateJournal journal_;
+  ForeignNumbers foreign_;
+  StartupPhase phase_ = StartupPhase::programmingNexthops;
   Vix::Ptr<Stordb::EntityManager> store_;
   Vix::Ptr<Pbr::Config> pbrConfig_;
   Vix::Ptr<Acl::Config> aclConfig_;
@@ -82,25 +108,29 @@ class Daemon {
   std::unique_ptr<NetlinkListener> netlink_;
   std::unique_ptr<ConfigApplier> applier_;
   std::unique_ptr<ControlServer> control_;
-  // The ways to the kernel: the shell runner, and the rtnetlink executor
-  // that sends what it does not know to it (for a dry run, one printing
-  // runner serves as both); iptables-restore, or the printing writer for a
-  // dry run.
+  // The ways to the kernel: the shell executor, and the rtnetlink executor
+  // that sends what it does not know to it, both behind the journal (for a
+  // dry run, one printing runner instead); iptables-restore through the
+  // asynchronous writer, or the printing writer for a dry run.
+  std::unique_ptr<Kernel::KernelRouting> routing_;
   std::unique_ptr<Pbr::CommandRunner> shellRunner_;
   std::unique_ptr<Pbr::CommandRunner> netlinkRunner_;
-  // Each of the two, behind the state file's journal.
-  std::unique_ptr<Pbr::CommandRunner> journaledShell_;
-  std::unique_ptr<Pbr::CommandRunner> journaledNetlink_;
-  std::unique_ptr<AclUtils::IptablesWriter> kernelWriter_;
+  std::unique_ptr<Kernel::JournaledCommandRunner> journaled_;
+  std::unique_ptr<AclUtils::RestoreIptablesWriter> restore_;
+  std::unique_ptr<Kernel::AsyncIptablesWriter> asyncWriter_;
+  std::unique_ptr<AclUtils::IptablesWriter> printingWriter_;
   Vix::Ptr<Pbr::AclPlugin> plugin_;
   std::unique_ptr<ConfigGate> gate_;
   int epoll_ = -1;
   int timer_ = -1;
   int signals_ = -1;
   bool stop_ = false;
+  double startedAt_ = 0.0;
   double longestTurn_ = 0.0;
   uint32_t reloads_ = 0;
   uint32_t reloadsFailed_ = 0;
+  uint32_t leftoverRulesRemoved_ = 0;
+  uint32_t leftoverTablesRemoved_ = 0;
   std::string lastReloadError_;
 };
 

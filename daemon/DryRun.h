@@ -13,22 +13,23 @@ namespace Waymark {
 
 class PrintingCommandRunner : public Pbr::CommandRunner {
  public:
-  int run(const std::string& command) override {
-    std::printf("dry-run: %s\n", command.c_str());
+  Pbr::CommandOutcome run(const Pbr::RoutingRequest& request) override {
+    std::printf("dry-run: %s\n", request.text.c_str());
     std::fflush(stdout);
-    return 0;
+    return Pbr::CommandOutcome::exited(0);
   }
 };
 
 class PrintingIptablesWriter : public AclUtils::IptablesWriter {
  public:
-  AclUtils::IptablesWriteResult write(Acl::AclType type, const std::string& text) override {
+  std::optional<AclUtils::IptablesWriteResult> write(Acl::AclType type,
+                                                     const std::string& text) override {
     std::printf("dry-run: %s <<EOF\n%sEOF\n",
                 type == Acl::aclTypeIpv6 ? "ip6tables-restore --noflush -w"
                                          : "iptables-restore --noflush -w",
                 text.c_str());
     std::fflush(stdout);
-    return {};
+    return AclUtils::IptablesWriteResult{};
   }
 };
 

@@ -4,6 +4,8 @@
 
 namespace Pbr {
 
-int SystemCommandRunner::run(const std::string& command) { return std::system(command.c_str()); }
+CommandOutcome SystemCommandRunner::run(const RoutingRequest& request) {
+  return CommandOutcome::fromWaitStatus(std::system(request.text.c_str()));
+}
 
 }  // namespace Pbr

@@ -1,25 +1,27 @@
-// The seam through which the nexthop table manager runs its `ip` commands.
+// Pbr::CommandRunner: the seam through which the nexthop table manager
+// carries out its routing commands.
 //
-// run() executes one shell command line and returns its wait status exactly
-// as system() does (-1 when no shell could be started). The manager's default
-// runs the command through system(); tests install a recording runner, and
-// the daemon may install one that prints instead (dry run) or batches.
+// run() receives the command as data and as text (RoutingRequest) and says
+// how it ended. The manager's default runs the text through system(); tests
+// install a recording runner; the daemon installs its shell or rtnetlink
+// executor, or a printing one for a dry run.
 #pragma once
 
-#include <string>
+#include "nexthop/CommandOutcome.h"
+#include "nexthop/RoutingRequest.h"
 
 namespace Pbr {
 
 class CommandRunner {
  public:
   virtual ~CommandRunner() = default;
-  virtual int run(const std::string& command) = 0;
+  virtual CommandOutcome run(const RoutingRequest& request) = 0;
 };
 
-// Runs each command through the system shell and waits for it.
+// Runs each command's text through the system shell and waits for it.
 class SystemCommandRunner : public CommandRunner {
  public:
-  int run(const std::string& command) override;
+  CommandOutcome run(const RoutingRequest& request) override;
 };
 
 }  // namespace Pbr

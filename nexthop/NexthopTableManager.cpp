@@ -16,9 +16,6 @@ using Velnet::IpGenAddr;
 
 SystemCommandRunner systemCommandRunner;
 
-// The family word of an `ip` command: "" for IPv4, "-6 " for IPv6.
-const char* familyWord(const IpGenAddr& addr) { return addr.isV6() ? "-6 " : ""; }
-
 // Mark candidates skip 0 and the reserved mark.
 uint32_t nextFwmarkCandidate(uint32_t mark) {
   ++mark;
@@ -233,16 +230,11 @@ void NexthopTableManager::createRoutingTable(const IpGenAddr& addr, bool forcePr
   if (forceProgram) programmedDel(addr);
   if (!enterSubnet(addr)) return;
 
-  const std::string family = familyWord(addr);
-  const std::string table = std::to_string(routeTable(addr));
+  const uint32_t table = routeTable(addr);
   // The route goes in before the rule, so that marked packets never meet a
   // rule pointing at an empty table.
-  bool ok = testMode || runCommand("ip " + family + "route add default via " + addr.stringValue() +
-                                       " table " + table,
-                                   false);
-  ok = ok && runCommand("ip " + family + "rule add priority " + std::to_string(ipRuleIndex(addr)) +
-                            " fwmark " + std::to_string(mark) + " lookup " + table,
-                        false);
+  bool ok = testMode || runCommand(RoutingRequest::addRoute(addr, table), false);
+  ok = ok && runCommand(RoutingRequest::addRule(addr, ipRuleIndex(addr), mark, table), false);
   if (ok) {
     nexthopWithoutResourcesDel(addr);
     withoutSubnetDel(addr);
@@ -259,13 +251,9 @@ void NexthopTableManager::createRoutingTable(const IpGenAddr& addr, bool forcePr
 
 void NexthopTableManager::deleteRoutingTable(const IpGenAddr& addr, bool allowFailure) {
   VIX_TRACE(8, __PRETTY_FUNCTION__ << "(" << addr << ")");
-  const std::string family = familyWord(addr);
-  runCommand("ip " + family + "rule del priority " + std::to_string(ipRuleIndex(addr)),
+  runCommand(RoutingRequest::deleteRule(addr, ipRuleIndex(addr), fwmark(addr), routeTable(addr)),
              allowFailure);
-  if (!testMode) {
-    runCommand("ip " + family + "route del table " + std::to_string(routeTable(addr)),
-               allowFailure);
-  }
+  if (!testMode) runCommand(RoutingRequest::deleteRoute(addr, routeTable(addr)), allowFailure);
   leaveSubnet(addr);
   // A nexthop that is still referenced keeps waiting for its subnet.
   if (nexthop(addr) == 0) withoutSubnetDel(addr);
@@ -273,8 +261,12 @@ void NexthopTableManager::deleteRoutingTable(const IpGenAddr& addr, bool allowFa
 }
 
 bool NexthopTableManager::runCommand(const std::string& command, bool allowFailure) {
-  VIX_TRACE(4, "Running command: " << command);
-  const int status = commandRunner_->run(command);
+  return runCommand(RoutingRequest::ofText(command), allowFailure);
+}
+
+bool NexthopTableManager::runCommand(const RoutingRequest& request, bool allowFailure) {
+  VIX_TRACE(4, "Running command: " << request.text);
+  const int status = commandRunner_->run(request).waitStatus();
   const int exitCode = (status >> 8) & 0xff;
   if (allowFailure) return exitCode == 0;
   if (status == -1 || (status & 0x7f) != 0) {

@@ -212,6 +212,9 @@ class NexthopTableManager : public Vix::Entity {
   // Runs one command line; true when it succeeded. With `allowFailure` only
   // the exit code counts and nothing is traced for a failure.
   bool runCommand(const std::string& command, bool allowFailure);
+  // The same for a command the manager composed, which the runner receives
+  // as data beside its text.
+  bool runCommand(const RoutingRequest& request, bool allowFailure);
 
   CommandRunner* commandRunner() const { return commandRunner_; }
   // REQUIRES: `runner` outlives its installation; null restores system().

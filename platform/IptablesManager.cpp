@@ -99,7 +99,10 @@ void IptablesManager::writeIptablesRules(const std::string& text, const Ip::VrfN
     failed("no iptables for this address family", "");
     return;
   }
-  const IptablesWriteResult result = writer_->write(type_, text);
+  if (const auto result = writer_->write(type_, text)) outcomeIs(*result, text);
+}
+
+void IptablesManager::outcomeIs(const IptablesWriteResult& result, const std::string& text) {
   if (!result.ok) {
     failed(result.error, text);
     return;
@@ -155,7 +158,12 @@ std::vector<std::string> RestoreIptablesWriter::restoreParts(const std::string& 
   return parts;
 }
 
-IptablesWriteResult RestoreIptablesWriter::write(Acl::AclType type, const std::string& text) {
+std::optional<IptablesWriteResult> RestoreIptablesWriter::write(Acl::AclType type,
+                                                                const std::string& text) {
+  return writeNow(type, text);
+}
+
+IptablesWriteResult RestoreIptablesWriter::writeNow(Acl::AclType type, const std::string& text) {
   const std::string tool = type == Acl::aclTypeIpv6 ? "ip6tables-restore" : "iptables-restore";
   for (const std::string& part : restoreParts(text)) {
     const Platform::ChildResult r =

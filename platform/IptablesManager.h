@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,10 +35,13 @@ struct IptablesWriteResult {
   std::string error;  // what the tool said, when it failed
 };
 
+// Writes one framed batch: its outcome at once, or nothing when the outcome
+// comes later (an asynchronous writer hands it to the manager's
+// outcomeIs()).
 class IptablesWriter {
  public:
   virtual ~IptablesWriter() = default;
-  virtual IptablesWriteResult write(Acl::AclType type, const std::string& text) = 0;
+  virtual std::optional<IptablesWriteResult> write(Acl::AclType type, const std::string& text) = 0;
 };
 
 // Pipes each batch into `iptables-restore --noflush -w` (IPv4) or
@@ -54,7 +58,9 @@ class IptablesWriter {
 class RestoreIptablesWriter : public IptablesWriter {
  public:
   explicit RestoreIptablesWriter(double timeLimit = 30.0) : timeLimit_(timeLimit) {}
-  IptablesWriteResult write(Acl::AclType type, const std::string& text) override;
+  std::optional<IptablesWriteResult> write(Acl::AclType type, const std::string& text) override;
+  // The same, always at once.
+  IptablesWriteResult writeNow(Acl::AclType type, const std::string& text);
   // The restores a framed batch is run as, each framed again.
   static std::vector<std::string> restoreParts(const std::string& text);
 
@@ -75,6 +81,8 @@ class IptablesManager : public Vix::Entity {
   std::string doGetRuleMatch(const Acl::AclRuleConfig& rule, RuleMatchTarget target) const;
 
   void writeIptablesRules(const std::string& text, const Ip::VrfName& vrf);
+  // Counts the outcome of the batch `text`.
+  void outcomeIs(const IptablesWriteResult& result, const std::string& text);
 
   uint32_t batchesWritten() const { return batchesWritten_; }
   uint32_t batchesFailed() const { return batchesFailed_; }

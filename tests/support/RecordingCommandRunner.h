@@ -18,13 +18,17 @@ constexpr int killedBy(int signal) { return signal; }
 
 class RecordingCommandRunner : public Pbr::CommandRunner {
  public:
-  int run(const std::string& command) override {
+  Pbr::CommandOutcome run(const Pbr::RoutingRequest& request) override {
+    const std::string& command = request.text;
     commands.push_back(command);
+    requests.push_back(request);
     if (clock_ != nullptr) clock_->advance(secondsPerCommand_);
     for (const auto& [prefix, status] : statuses_) {
-      if (command.compare(0, prefix.size(), prefix) == 0) return status;
+      if (command.compare(0, prefix.size(), prefix) == 0) {
+        return Pbr::CommandOutcome::fromWaitStatus(status);
+      }
     }
-    return 0;
+    return Pbr::CommandOutcome::exited(0);
   }
 
   // Commands that start with `prefix` answer `status` (first match wins).
@@ -35,9 +39,13 @@ class RecordingCommandRunner : public Pbr::CommandRunner {
     secondsPerCommand_ = seconds;
   }
   // The recorded commands, emptied.
-  std::vector<std::string> take() { return std::exchange(commands, {}); }
+  std::vector<std::string> take() {
+    requests.clear();
+    return std::exchange(commands, {});
+  }
 
   std::vector<std::string> commands;
+  std::vector<Pbr::RoutingRequest> requests;
 
  private:
   std::vector<std::pair<std::string, int>> statuses_;

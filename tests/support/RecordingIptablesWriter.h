@@ -18,13 +18,14 @@ class RecordingIptablesWriter : public AclUtils::IptablesWriter {
     std::string text;
   };
 
-  AclUtils::IptablesWriteResult write(Acl::AclType type, const std::string& text) override {
+  std::optional<AclUtils::IptablesWriteResult> write(Acl::AclType type,
+                                                     const std::string& text) override {
     batches.push_back({type, text});
     if (clock_ != nullptr) clock_->advance(secondsPerBatch_);
     if (!refuse_.empty() && text.find(refuse_) != std::string::npos) {
-      return {false, "iptables-restore: line 2 failed"};
+      return AclUtils::IptablesWriteResult{false, "iptables-restore: line 2 failed"};
     }
-    return {};
+    return AclUtils::IptablesWriteResult{};
   }
 
   // Batches containing `text` fail.

@@ -1,0 +1,117 @@
+#include "kernel/AsyncIptablesWriter.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "kernel/MangleTransaction.h"
+
+namespace Kernel {
+
+AsyncIptablesWriter::AsyncIptablesWriter(AclUtils::RestoreIptablesWriter& restore)
+    : restore_(restore), wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  lanes_[0].type = Acl::aclTypeIpv4;
+  lanes_[1].type = Acl::aclTypeIpv6;
+  for (Lane& l : lanes_) l.thread = std::thread([this, &l] { work(l); });
+}
+
+AsyncIptablesWriter::~AsyncIptablesWriter() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  for (Lane& l : lanes_) l.thread.join();
+}
+
+std::optional<AclUtils::IptablesWriteResult> AsyncIptablesWriter::write(Acl::AclType type,
+                                                                        const std::string& text) {
+  if (type == Acl::aclTypeOther) return restore_.writeNow(type, text);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Lane& l = lane(type);
+    if (holding_) {
+      l.held.push_back(text);
+      return std::nullopt;
+    }
+    l.jobs.push_back({{text}, false});
+  }
+  wake_.notify_all();
+  return std::nullopt;
+}
+
+void AsyncIptablesWriter::hold() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  holding_ = true;
+}
+
+void AsyncIptablesWriter::commit() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    holding_ = false;
+    for (Lane& l : lanes_) {
+      if (!l.held.empty()) l.jobs.push_back({std::move(l.held), true});
+      l.held.clear();
+    }
+  }
+  wake_.notify_all();
+}
+
+std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::takeOutcomes() {
+  uint64_t count = 0;
+  if (read(wakeup_.get(), &count, sizeof count) < 0) count = 0;
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::exchange(outcomes_, {});
+}
+
+bool AsyncIptablesWriter::idle() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const Lane& l : lanes_) {
+    if (l.busy || !l.jobs.empty() || !l.held.empty()) return false;
+  }
+  return outcomes_.empty();
+}
+
+void AsyncIptablesWriter::work(Lane& l) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (true) {
+    wake_.wait(lock, [&] { return stopping_ || !l.jobs.empty(); });
+    if (l.jobs.empty()) return;
+    const Job job = std::move(l.jobs.front());
+    l.jobs.pop_front();
+    l.busy = true;
+    lock.unlock();
+    run(l, job);
+    lock.lock();
+    l.busy = false;
+  }
+}
+
+void AsyncIptablesWriter::run(Lane& l, const Job& job) {
+  if (job.transaction) {
+    MangleTransaction transaction;
+    for (const auto& batch : job.batches) transaction.add(batch);
+    if (transaction.foldable() && restore_.writeNow(l.type, transaction.text()).ok) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++transactions_;
+      }
+      for (const auto& batch : job.batches) post(l.type, batch, {});
+      return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++fallbacks_;
+  }
+  for (const auto& batch : job.batches) post(l.type, batch, restore_.writeNow(l.type, batch));
+}
+
+void AsyncIptablesWriter::post(Acl::AclType type, const std::string& text,
+                               const AclUtils::IptablesWriteResult& r) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    outcomes_.push_back({type, text, r});
+  }
+  const uint64_t one = 1;
+  if (::write(wakeup_.get(), &one, sizeof one) < 0) return;
+}
+
+}  // namespace Kernel

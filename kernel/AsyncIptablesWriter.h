@@ -1,0 +1,98 @@
+// Kernel::AsyncIptablesWriter: waymarkd's iptables writer. Each family has
+// a lane with a thread of its own that feeds the family's batches, in the
+// order they were written, to iptables-restore (or ip6tables-restore); the
+// two families are written at the same time, and the event loop never waits
+// for a restore. The threads only run programs: outcomes come back to the
+// loop (a descriptor turns readable) and the loop hands them to the
+// family's iptables manager.
+//
+// At start-up the writer holds every batch until the daemon commits: the
+// dispatch chain's set-up and all the start's batches then reach the kernel
+// as one transaction per family (MangleTransaction), so that a restart
+// swaps the old rules for the new in one step. If a family's transaction
+// cannot be folded or is refused, its batches are written one by one, so
+// that the batch and line iptables refuses are reported as they would have
+// been without the transaction.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/FileDescriptor.h"
+#include "platform/IptablesManager.h"
+
+namespace Kernel {
+
+class AsyncIptablesWriter : public AclUtils::IptablesWriter {
+ public:
+  struct Outcome {
+    Acl::AclType type;
+    std::string text;
+    AclUtils::IptablesWriteResult result;
+  };
+
+  // REQUIRES: `restore` outlives the writer and may be called from two
+  // threads at once.
+  explicit AsyncIptablesWriter(AclUtils::RestoreIptablesWriter& restore);
+  ~AsyncIptablesWriter() override;
+  AsyncIptablesWriter(const AsyncIptablesWriter&) = delete;
+  AsyncIptablesWriter& operator=(const AsyncIptablesWriter&) = delete;
+
+  // Queues the batch; its outcome comes through takeOutcomes().
+  std::optional<AclUtils::IptablesWriteResult> write(Acl::AclType type,
+                                                     const std::string& text) override;
+
+  // From now until commit(), batches are held, not written.
+  void hold();
+  // Writes what is held as one transaction per family.
+  void commit();
+  bool holding() const { return holding_; }
+
+  // Readable when outcomes are waiting.
+  int fd() const { return wakeup_.get(); }
+  // The outcomes that arrived, in the order of their family's batches.
+  std::vector<Outcome> takeOutcomes();
+  // True when nothing is held, queued or being written, and every outcome
+  // has been taken.
+  bool idle() const;
+
+  // Transactions written whole, and those that fell back to single batches.
+  uint32_t transactions() const { return transactions_; }
+  uint32_t transactionFallbacks() const { return fallbacks_; }
+
+ private:
+  struct Job {
+    std::vector<std::string> batches;
+    bool transaction = false;
+  };
+  struct Lane {
+    Acl::AclType type;
+    std::deque<Job> jobs;
+    std::vector<std::string> held;
+    bool busy = false;
+    std::thread thread;
+  };
+
+  void work(Lane& lane);
+  void run(Lane& lane, const Job& job);
+  void post(Acl::AclType type, const std::string& text, const AclUtils::IptablesWriteResult& r);
+  Lane& lane(Acl::AclType type) { return type == Acl::aclTypeIpv6 ? lanes_[1] : lanes_[0]; }
+
+  AclUtils::RestoreIptablesWriter& restore_;
+  Platform::FileDescriptor wakeup_;
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  Lane lanes_[2];
+  std::vector<Outcome> outcomes_;
+  bool holding_ = false;
+  bool stopping_ = false;
+  uint32_t transactions_ = 0;
+  uint32_t fallbacks_ = 0;
+};
+
+}  // namespace Kernel

@@ -1,0 +1,43 @@
+// Kernel::JournaledCommandRunner: the daemon's way to the kernel for the
+// nexthop table manager's routing commands. It keeps the state journal true
+// and completes what a command means where the command alone cannot do it;
+// the commands themselves are carried out by the executor behind it (the
+// shell or rtnetlink), and the manager gets the executor's own outcome.
+//
+// - A rule or a table is journaled before the command that adds it runs,
+//   and released again when the kernel refused it.
+// - A rule is released once deleted, or once the kernel says it has no such
+//   rule.
+// - "ip route del table T" names no route iproute2 accepts and deletes
+//   nothing; after it ran, the table's routes are removed here and the table
+//   is released. A table then holds routes only while its nexthop is in use.
+#pragma once
+
+#include "kernel/KernelRouting.h"
+#include "kernel/StateJournal.h"
+#include "nexthop/CommandRunner.h"
+
+namespace Kernel {
+
+class JournaledCommandRunner : public Pbr::CommandRunner {
+ public:
+  // REQUIRES: all three outlive the runner.
+  JournaledCommandRunner(StateJournal& journal, KernelRouting& routing, Pbr::CommandRunner& next)
+      : journal_(journal), routing_(routing), next_(&next) {}
+
+  Pbr::CommandOutcome run(const Pbr::RoutingRequest& request) override;
+
+  // The executor behind it. REQUIRES: `next` outlives its installation.
+  void nextIs(Pbr::CommandRunner& next) { next_ = &next; }
+
+  // Tables emptied after their route-delete command.
+  uint32_t tablesFlushed() const { return tablesFlushed_; }
+
+ private:
+  StateJournal& journal_;
+  KernelRouting& routing_;
+  Pbr::CommandRunner* next_;
+  uint32_t tablesFlushed_ = 0;
+};
+
+}  // namespace Kernel

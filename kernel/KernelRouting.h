@@ -1,0 +1,67 @@
+// Kernel::KernelRouting: waymark's typed access to the kernel's policy
+// routing through rtnetlink: add the two things a nexthop needs (a default
+// route in its table, a rule from its mark to that table), delete exactly
+// one rule, empty a table, and read back every rule and every table that
+// holds routes. Used by the rtnetlink executor, by the journal's completion
+// of a table's removal, and at start-up and --cleanup.
+//
+// Every change answers 0 or the kernel's -errno.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "kernel/RtnetlinkSocket.h"
+#include "platform/IpGenAddr.h"
+
+namespace Kernel {
+
+// One policy rule as the kernel holds it; mark 0 when it matches no mark.
+struct PolicyRule {
+  bool v6 = false;
+  uint32_t priority = 0;
+  uint32_t mark = 0;
+  uint32_t table = 0;
+
+  auto operator<=>(const PolicyRule&) const = default;
+};
+
+// One routing table of one family.
+struct RouteTableId {
+  bool v6 = false;
+  uint32_t table = 0;
+
+  auto operator<=>(const RouteTableId&) const = default;
+};
+
+class KernelRouting {
+ public:
+  // "default via `via` table `table`", refused when it exists already.
+  int addRoute(const Velnet::IpGenAddr& via, uint32_t table);
+  // "priority P fwmark M lookup T", refused when that very rule exists.
+  int addRule(const PolicyRule& rule);
+  // Deletes the rule with exactly this priority, mark and table; -ENOENT
+  // when there is none.
+  int deleteRule(const PolicyRule& rule);
+  // Deletes every route of the table; how many, or -errno.
+  int flushTable(bool v6, uint32_t table);
+
+  // Every rule of the family.
+  std::vector<PolicyRule> rules(bool v6);
+  // Each table of the family that holds routes, with how many.
+  std::map<uint32_t, uint32_t> routeTables(bool v6);
+
+  uint32_t requests() const { return socket_.requests(); }
+
+ private:
+  int changeRule(uint16_t type, uint16_t flags, const PolicyRule& rule);
+  // The routes of one table (every table when `table` is 0), each as the
+  // kernel sent it.
+  std::vector<std::vector<char>> routes(bool v6, uint32_t table);
+
+  RtnetlinkSocket socket_;
+};
+
+}  // namespace Kernel

@@ -1,0 +1,66 @@
+// Folding a start's batches into one transaction: the mangle table ends as
+// the batches one by one would have left it, and what cannot be folded is
+// said so.
+#include "kernel/MangleTransaction.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace waymark::test {
+namespace {
+
+using Kernel::MangleTransaction;
+
+std::string framed(const std::string& lines) { return "*mangle\n" + lines + "COMMIT\n"; }
+
+const std::string kSetUp = framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-I PREROUTING -j TAMBRO_PBR_INTF\n");
+
+TEST(MangleTransactionTest, TheDispatchSetUpAndAPolicyBecomeOneFlushAndTheirChains) {
+  MangleTransaction t;
+  ASSERT_TRUE(t.add(kSetUp));
+  ASSERT_TRUE(t.add(framed("-N PBR_1_edge\n-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n")));
+  ASSERT_TRUE(t.add(
+      framed("-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n-A PBR_1_edge -p tcp -j ACCEPT\n")));
+  EXPECT_EQ(t.text(), framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-N PBR_1_edge\n"
+                             "-A PREROUTING -j TAMBRO_PBR_INTF\n"
+                             "-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n"
+                             "-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n"
+                             "-A PBR_1_edge -p tcp -j ACCEPT\n"));
+}
+
+TEST(MangleTransactionTest, ReplacedDeletedAndRebuiltRulesLeaveOnlyTheirLastState) {
+  MangleTransaction t;
+  t.add(kSetUp);
+  t.add(
+      framed("-N PBR_1_edge\n-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n"
+             "-A TAMBRO_PBR_INTF -i eth2 -j PBR_1_edge\n-A PBR_1_edge -p udp\n"
+             "-A PBR_1_edge -p udp -j ACCEPT\n"));
+  t.add(
+      framed("-R PBR_1_edge 1 -p udp -j MARK --set-mark 0x3\n"
+             "-D TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n-N PBR_2_old\n-X PBR_2_old\n"
+             "-I TAMBRO_PBR_INTF 1 -i eth3 -j PBR_1_edge\n"));
+  ASSERT_TRUE(t.foldable());
+  EXPECT_EQ(t.text(), framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-N PBR_1_edge\n"
+                             "-A PREROUTING -j TAMBRO_PBR_INTF\n"
+                             "-A TAMBRO_PBR_INTF -i eth3 -j PBR_1_edge\n"
+                             "-A TAMBRO_PBR_INTF -i eth2 -j PBR_1_edge\n"
+                             "-A PBR_1_edge -p udp -j MARK --set-mark 0x3\n"
+                             "-A PBR_1_edge -p udp -j ACCEPT\n"));
+}
+
+TEST(MangleTransactionTest, WhatCannotBeReplayedIsNotFolded) {
+  for (const char* later :
+       {"-A PBR_9_missing -p tcp\n", "-R TAMBRO_PBR_INTF 1 -p tcp\n", "-N TAMBRO_PBR_INTF\n",
+        "-D TAMBRO_PBR_INTF -i eth9 -j X\n", "-X PREROUTING\n", "-Z\n"}) {
+    MangleTransaction t;
+    t.add(kSetUp);
+    EXPECT_FALSE(t.add(framed(later))) << later;
+    EXPECT_FALSE(t.add(framed("-N PBR_1_edge\n"))) << "stays unfoldable after " << later;
+  }
+  MangleTransaction withoutFlush;
+  EXPECT_FALSE(withoutFlush.add(framed("-N PBR_1_edge\n")));
+}
+
+}  // namespace
+}  // namespace waymark::test
