@@ -61,7 +61,6 @@ start_waymarkd() {
   ip netns exec "$NS" "$WAYMARKD" --config "$RUN/scale.yaml" --socket "$RUN/s.sock" \
     --state "$RUN/state.json" --trace-level 0 >"$RUN/d.log" 2>&1 &
   DAEMON=$!
-  for _ in $(seq 3000); do [ -S "$RUN/s.sock" ] && break; sleep 0.02; done
   "$WAYMARKCTL" --socket "$RUN/s.sock" wait-idle --timeout 3600 >/dev/null
   t1=$(now)
 }

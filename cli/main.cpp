@@ -67,11 +67,19 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     else if (args.size() != 1)
       return usage();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+    // A daemon that is still starting has no socket yet: that is waited
+    // for too.
+    std::string why = "still busy";
     do {
-      if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>()) return 0;
+      try {
+        if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>()) return 0;
+        why = "still busy";
+      } catch (const std::exception& e) {
+        why = e.what();
+      }
       usleep(20000);
     } while (std::chrono::steady_clock::now() < deadline);
-    std::fprintf(stderr, "waymarkd still busy after %g s\n", timeout);
+    std::fprintf(stderr, "waymarkd not idle after %g s: %s\n", timeout, why.c_str());
     return 1;
   }
   return usage();

@@ -112,9 +112,7 @@ lab_start_daemon() {
     --socket "$RUN/waymarkd.sock" --state "$RUN/state.json" ${DAEMON_ARGS:-} \
     >>"$RUN/waymarkd.log" 2>&1 &
   DAEMON=$!
-  local i
-  for i in $(seq 100); do [ -S "$RUN/waymarkd.sock" ] && break; sleep 0.05; done
-  lab_ctl wait-idle --timeout 10
+  lab_ctl wait-idle --timeout 60
 }
 
 lab_stop_daemon() {
@@ -137,8 +135,10 @@ lab_links_running() {
   done
 }
 
-# Lets waymarkd see a change and finish its kernel work.
-lab_settle() { lab_links_running; sleep 0.3; lab_ctl wait-idle --timeout 10; }
+# Lets waymarkd see a change and finish its kernel work: once the links are
+# running, the kernel has reported them, and wait-idle takes in what the
+# kernel reported before it answers.
+lab_settle() { lab_links_running; lab_ctl wait-idle --timeout 60; }
 
 # Packets each host has received for the service address so far.
 lab_seen() {

@@ -33,10 +33,7 @@ start() {
     --state "$RUN/state.json" --trace-level 0 >>"$RUN/d.log" 2>&1 &
   DAEMON=$!
 }
-idle() {
-  for _ in $(seq 500); do [ -S "$RUN/s.sock" ] && break; sleep 0.02; done
-  ctl wait-idle --timeout 600 >/dev/null
-}
+idle() { ctl wait-idle --timeout 600 >/dev/null; }
 # Everything in the kernel, with rules and routes sorted so that only what
 # is there counts, not the order the listing happens to give.
 snapshot() {

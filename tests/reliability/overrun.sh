@@ -34,7 +34,6 @@ ip netns exec "$NS" ip link set d0 up
 ip netns exec "$NS" "$WAYMARKD" --config "$RUN/empty.yaml" --socket "$RUN/s.sock" \
   --state "$RUN/state.json" --trace-level 0 >"$RUN/d.log" 2>&1 &
 DAEMON=$!
-for _ in $(seq 250); do [ -S "$RUN/s.sock" ] && break; sleep 0.02; done
 ctl wait-idle >/dev/null
 
 # Addresses of the documentation ranges, added and removed in rounds; the
@@ -59,7 +58,6 @@ burst() {
   ip netns exec "$NS" ip -batch "$RUN/changes.batch"
   ip netns exec "$NS" ip address del 192.0.2.1/32 dev d0
   kill -CONT "$DAEMON"
-  sleep 0.5
   ctl wait-idle >/dev/null
   kernel=$(ip netns exec "$NS" ip -4 -o address show dev d0 | awk '{print $4}' | sort)
   status=$(ctl status --json | tr -d ' \n')
