@@ -11,16 +11,22 @@ void ConfigGate::prepare(const ConfigModel& model) {
   applier_.apply(withoutPolicies);
 }
 
-void ConfigGate::begin(const Vix::Ptr<Pbr::NexthopTableManager>& manager,
-                       const ConfigModel& model) {
+std::vector<Velnet::IpGenAddr> ConfigGate::nexthopsNamed(const ConfigModel& model) {
+  std::vector<Velnet::IpGenAddr> out;
   std::set<Velnet::IpGenAddr> seen;
   for (const auto& [name, classes] : model.policyMaps) {
     for (const auto& c : classes) {
       for (const auto& addr : c.nexthops) {
-        if (seen.insert(addr).second) nexthops_.push_back(addr);
+        if (seen.insert(addr).second) out.push_back(addr);
       }
     }
   }
+  return out;
+}
+
+void ConfigGate::begin(const Vix::Ptr<Pbr::NexthopTableManager>& manager,
+                       const ConfigModel& model) {
+  nexthops_ = nexthopsNamed(model);
   manager_ = manager;
   for (const auto& addr : nexthops_) manager_->nexthopInc(addr, 1);
   applyRequested_ = true;

@@ -43,6 +43,8 @@ class ConfigGate {
   // for the whole configuration to be applied.
   // REQUIRES: prepare() was called and the plug-in has started.
   void begin(const Vix::Ptr<Pbr::NexthopTableManager>& manager, const ConfigModel& model);
+  // Every nexthop the policies of `model` name, in configuration order.
+  static std::vector<Velnet::IpGenAddr> nexthopsNamed(const ConfigModel& model);
   // Asks for the configuration to be applied (a reload).
   void requestApply() { applyRequested_ = true; }
   // When an application is asked for and the loop is quiet: applies `model`

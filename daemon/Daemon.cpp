@@ -177,6 +177,12 @@ bool Daemon::start(std::string* error) {
                    : printingWriter_.get();
   plugin_->init(Vix::make<Acl::PluginContext>(store_, executor(model_.tunables), writer));
   foreign_.reserveIn(*plugin_->nexthopTableManager());
+  if (previous_) {
+    previous_->adoptInto(*plugin_->nexthopTableManager(), ConfigGate::nexthopsNamed(model_));
+    for (const auto& [rule, nexthop] : previous_->adoptedRules()) {
+      journaled_->keepInPlace(rule, nexthop);
+    }
+  }
   applyTunables(model_.tunables);
   gate_->begin(plugin_->nexthopTableManager(), model_);
 
@@ -217,6 +223,7 @@ void Daemon::readKernel() {
     for (const auto& [table, routes] : routing_->routeTables(v6)) tables.push_back({v6, table});
   }
   foreign_ = ForeignNumbers::of(rules, tables, journal_);
+  previous_ = std::make_unique<PreviousRun>(journal_);
 }
 
 void Daemon::createRunners() {
@@ -298,7 +305,11 @@ void Daemon::advanceStartup() {
   if (phase_ == StartupPhase::writingRules) {
     if (!asyncWriter_->idle()) return;
     phase_ = StartupPhase::removingLeftovers;
+    journaled_->keepNothing();
     removeLeftovers();
+    // The previous run's numbers are free now; another's stay reserved.
+    previous_->release(*plugin_->nexthopTableManager());
+    foreign_.reserveIn(*plugin_->nexthopTableManager());
     phase_ = StartupPhase::running;
     log("started: " + std::to_string(asyncWriter_->transactions()) +
         " start-up transaction(s) written whole, " +
@@ -414,6 +425,7 @@ nlohmann::json Daemon::status() const {
                        {"leftoverRulesRemoved", leftoverRulesRemoved_},
                        {"leftoverTablesRemoved", leftoverTablesRemoved_}};
   status["reserved"] = foreign_.toJson();
+  if (previous_) status["previousRun"] = previous_->toJson();
   status["journal"] = {{"numbersHeld", journal_.size()},
                        {"journalLines", journal_.journalLines()},
                        {"error", journal_.error()}};

@@ -32,6 +32,7 @@
 #include "daemon/ControlServer.h"
 #include "daemon/ForeignNumbers.h"
 #include "daemon/NetlinkListener.h"
+#include "daemon/PreviousRun.h"
 #include "kernel/AsyncIptablesWriter.h"
 #include "kernel/JournaledCommandRunner.h"
 #include "kernel/KernelRouting.h"
@@ -99,6 +100,7 @@ class Daemon {
   ConfigModel model_;
   Kernel::StateJournal journal_;
   ForeignNumbers foreign_;
+  std::unique_ptr<PreviousRun> previous_;
   StartupPhase phase_ = StartupPhase::programmingNexthops;
   Vix::Ptr<Stordb::EntityManager> store_;
   Vix::Ptr<Pbr::Config> pbrConfig_;

@@ -1,5 +1,7 @@
 #include "kernel/JournaledCommandRunner.h"
 
+#include <cerrno>
+
 namespace Kernel {
 
 namespace {
@@ -16,37 +18,81 @@ bool gone(const Pbr::CommandOutcome& o) {
 
 }  // namespace
 
+void JournaledCommandRunner::keepInPlace(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop) {
+  kept_[rule] = nexthop;
+  keptTables_[{rule.v6, rule.table}] = nexthop;
+}
+
+void JournaledCommandRunner::keepNothing() {
+  kept_.clear();
+  keptTables_.clear();
+}
+
+bool JournaledCommandRunner::kept(const Pbr::RoutingRequest& r) const {
+  const auto it = kept_.find(ruleOf(r));
+  return it != kept_.end() && it->second == r.nexthop;
+}
+
+bool JournaledCommandRunner::keptTable(const Pbr::RoutingRequest& r) const {
+  const auto it = keptTables_.find(tableOf(r));
+  return it != keptTables_.end() && it->second == r.nexthop;
+}
+
 Pbr::CommandOutcome JournaledCommandRunner::run(const Pbr::RoutingRequest& request) {
   switch (request.operation) {
-    case Operation::addRoute: {
-      journal_.tableHeld(tableOf(request));
-      const auto outcome = next_->run(request);
-      if (!outcome.succeeded()) journal_.tableReleased(tableOf(request));
-      return outcome;
-    }
-    case Operation::addRule: {
-      journal_.ruleHeld(ruleOf(request));
-      const auto outcome = next_->run(request);
-      if (!outcome.succeeded()) journal_.ruleReleased(ruleOf(request));
-      return outcome;
-    }
+    case Operation::addRoute:
+      return addRoute(request);
+    case Operation::addRule:
+      return addRule(request);
     case Operation::deleteRule: {
+      // A kept rule stays; its nexthop's add finds it there.
+      if (kept(request)) return Pbr::CommandOutcome::exited(0);
       const auto outcome = next_->run(request);
       if (gone(outcome)) journal_.ruleReleased(ruleOf(request));
       return outcome;
     }
-    case Operation::deleteRoute: {
-      const auto outcome = next_->run(request);
-      if (routing_.flushTable(request.v6(), request.table) >= 0) {
-        ++tablesFlushed_;
-        journal_.tableReleased(tableOf(request));
-      }
-      return outcome;
-    }
+    case Operation::deleteRoute:
+      return deleteRoute(request);
     case Operation::text:
       break;
   }
   return next_->run(request);
+}
+
+Pbr::CommandOutcome JournaledCommandRunner::addRoute(const Pbr::RoutingRequest& request) {
+  journal_.tableHeld(tableOf(request));
+  if (keptTable(request)) {
+    keptTables_.erase(tableOf(request));
+    const int result = routing_.replaceRoute(request.nexthop, request.table);
+    if (result == 0) return Pbr::CommandOutcome::exited(0);
+  }
+  const auto outcome = next_->run(request);
+  if (!outcome.succeeded()) journal_.tableReleased(tableOf(request));
+  return outcome;
+}
+
+Pbr::CommandOutcome JournaledCommandRunner::addRule(const Pbr::RoutingRequest& request) {
+  journal_.ruleHeld(ruleOf(request), request.nexthop);
+  if (kept(request)) {
+    kept_.erase(ruleOf(request));
+    const int result = routing_.addRule(ruleOf(request));
+    if (result == 0 || result == -EEXIST) return Pbr::CommandOutcome::exited(0);
+  }
+  const auto outcome = next_->run(request);
+  if (!outcome.succeeded()) journal_.ruleReleased(ruleOf(request));
+  return outcome;
+}
+
+Pbr::CommandOutcome JournaledCommandRunner::deleteRoute(const Pbr::RoutingRequest& request) {
+  // A kept table keeps its route until the add replaces it; the command
+  // itself would delete nothing and end as iproute2 ends it.
+  if (keptTable(request)) return Pbr::CommandOutcome::exited(255);
+  const auto outcome = next_->run(request);
+  if (routing_.flushTable(request.v6(), request.table) >= 0) {
+    ++tablesFlushed_;
+    journal_.tableReleased(tableOf(request));
+  }
+  return outcome;
 }
 
 }  // namespace Kernel

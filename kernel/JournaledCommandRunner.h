@@ -11,7 +11,15 @@
 // - "ip route del table T" names no route iproute2 accepts and deletes
 //   nothing; after it ran, the table's routes are removed here and the table
 //   is released. A table then holds routes only while its nexthop is in use.
+// - A rule kept in place (a nexthop's own rule of the previous run, which a
+//   restart gives back to it) is not deleted and re-added: the delete of
+//   that very rule and its table's removal are answered as they would be,
+//   the route is replaced in place and the add finds the rule there. The
+//   nexthop's traffic then never meets a missing rule or an empty table.
 #pragma once
+
+#include <map>
+#include <set>
 
 #include "kernel/KernelRouting.h"
 #include "kernel/StateJournal.h"
@@ -27,6 +35,12 @@ class JournaledCommandRunner : public Pbr::CommandRunner {
 
   Pbr::CommandOutcome run(const Pbr::RoutingRequest& request) override;
 
+  // Keeps `rule` of `nexthop`, and its table, in place when the nexthop is
+  // programmed again with the same numbers.
+  void keepInPlace(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop);
+  // Keeps nothing more in place.
+  void keepNothing();
+
   // The executor behind it. REQUIRES: `next` outlives its installation.
   void nextIs(Pbr::CommandRunner& next) { next_ = &next; }
 
@@ -34,9 +48,17 @@ class JournaledCommandRunner : public Pbr::CommandRunner {
   uint32_t tablesFlushed() const { return tablesFlushed_; }
 
  private:
+  Pbr::CommandOutcome addRoute(const Pbr::RoutingRequest& request);
+  Pbr::CommandOutcome addRule(const Pbr::RoutingRequest& request);
+  Pbr::CommandOutcome deleteRoute(const Pbr::RoutingRequest& request);
+  bool kept(const Pbr::RoutingRequest& request) const;
+  bool keptTable(const Pbr::RoutingRequest& request) const;
+
   StateJournal& journal_;
   KernelRouting& routing_;
   Pbr::CommandRunner* next_;
+  std::map<PolicyRule, Velnet::IpGenAddr> kept_;
+  std::map<RouteTableId, Velnet::IpGenAddr> keptTables_;
   uint32_t tablesFlushed_ = 0;
 };
 

@@ -43,7 +43,15 @@ uint32_t u32(const std::map<uint16_t, const rtattr*>& attrs, uint16_t type, uint
 }  // namespace
 
 int KernelRouting::addRoute(const Velnet::IpGenAddr& via, uint32_t table) {
-  RtnetlinkMessage m(RTM_NEWROUTE, NLM_F_CREATE | NLM_F_EXCL, sizeof(rtmsg));
+  return newRoute(NLM_F_CREATE | NLM_F_EXCL, via, table);
+}
+
+int KernelRouting::replaceRoute(const Velnet::IpGenAddr& via, uint32_t table) {
+  return newRoute(NLM_F_CREATE | NLM_F_REPLACE, via, table);
+}
+
+int KernelRouting::newRoute(uint16_t flags, const Velnet::IpGenAddr& via, uint32_t table) {
+  RtnetlinkMessage m(RTM_NEWROUTE, flags, sizeof(rtmsg));
   auto* r = m.body<rtmsg>();
   r->rtm_family = family(via.isV6());
   r->rtm_table = shortTable(table);

@@ -40,6 +40,9 @@ class KernelRouting {
  public:
   // "default via `via` table `table`", refused when it exists already.
   int addRoute(const Velnet::IpGenAddr& via, uint32_t table);
+  // "default via `via` table `table`", in place of whatever default route
+  // the table holds, or added.
+  int replaceRoute(const Velnet::IpGenAddr& via, uint32_t table);
   // "priority P fwmark M lookup T", refused when that very rule exists.
   int addRule(const PolicyRule& rule);
   // Deletes the rule with exactly this priority, mark and table; -ENOENT
@@ -57,6 +60,7 @@ class KernelRouting {
 
  private:
   int changeRule(uint16_t type, uint16_t flags, const PolicyRule& rule);
+  int newRoute(uint16_t flags, const Velnet::IpGenAddr& via, uint32_t table);
   // The routes of one table (every table when `table` is 0), each as the
   // kernel sent it.
   std::vector<std::vector<char>> routes(bool v6, uint32_t table);

@@ -23,15 +23,29 @@ std::string ruleText(const PolicyRule& r) {
          std::to_string(r.mark) + " " + std::to_string(r.table);
 }
 
+std::string nexthopText(const Velnet::IpGenAddr& nexthop) {
+  return nexthop.isUnset() ? "" : " " + nexthop.stringValue();
+}
+
+Velnet::IpGenAddr nexthopOfText(const std::string& text) {
+  return Velnet::IpGenAddr::tryParse(text).value_or(Velnet::IpGenAddr());
+}
+
 std::string tableText(const RouteTableId& t) {
   return "table " + std::to_string(familyNumber(t.v6)) + " " + std::to_string(t.table);
 }
 
-template <typename Key>
-std::vector<Key> keys(const std::map<Key, bool>& held, bool onlyPrevious) {
+bool current(bool c) { return c; }
+template <typename Held>
+bool current(const Held& h) {
+  return h.current;
+}
+
+template <typename Key, typename Value>
+std::vector<Key> keys(const std::map<Key, Value>& held, bool onlyPrevious) {
   std::vector<Key> out;
-  for (const auto& [key, current] : held) {
-    if (!onlyPrevious || !current) out.push_back(key);
+  for (const auto& [key, value] : held) {
+    if (!onlyPrevious || !current(value)) out.push_back(key);
   }
   return out;
 }
@@ -44,8 +58,9 @@ void StateJournal::load() {
     try {
       const auto j = nlohmann::json::parse(in);
       for (const auto& r : j.value("rules", nlohmann::json::array())) {
-        rules_[{r.at(0).get<int>() == 6, r.at(1).get<uint32_t>(), r.at(2).get<uint32_t>(),
-                r.at(3).get<uint32_t>()}] = false;
+        const PolicyRule rule{r.at(0).get<int>() == 6, r.at(1).get<uint32_t>(),
+                              r.at(2).get<uint32_t>(), r.at(3).get<uint32_t>()};
+        rules_[rule] = {false, nexthopOfText(r.size() > 4 ? r.at(4).get<std::string>() : "")};
       }
       for (const auto& t : j.value("tables", nlohmann::json::array())) {
         tables_[{t.at(0).get<int>() == 6, t.at(1).get<uint32_t>()}] = false;
@@ -72,8 +87,10 @@ void StateJournal::replay(const std::string& line) {
   if (what == "+rule" || what == "-rule") {
     PolicyRule r{v6, 0, 0, 0};
     if (!(words >> r.priority >> r.mark >> r.table)) return;
+    std::string nexthop;
+    words >> nexthop;
     if (what[0] == '+') {
-      rules_[r] = false;
+      rules_[r] = {false, nexthopOfText(nexthop)};
     } else {
       rules_.erase(r);
     }
@@ -88,10 +105,16 @@ void StateJournal::replay(const std::string& line) {
   }
 }
 
-void StateJournal::ruleHeld(const PolicyRule& rule) {
-  const auto [it, added] = rules_.insert({rule, true});
-  it->second = true;
-  if (added) append("+" + ruleText(rule));
+void StateJournal::ruleHeld(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop) {
+  const auto [it, added] = rules_.insert({rule, {true, nexthop}});
+  it->second.current = true;
+  if (added || it->second.nexthop != nexthop) append("+" + ruleText(rule) + nexthopText(nexthop));
+  it->second.nexthop = nexthop;
+}
+
+Velnet::IpGenAddr StateJournal::nexthopOf(const PolicyRule& rule) const {
+  const auto it = rules_.find(rule);
+  return it == rules_.end() ? Velnet::IpGenAddr() : it->second.nexthop;
 }
 
 void StateJournal::ruleReleased(const PolicyRule& rule) {
@@ -133,8 +156,9 @@ void StateJournal::append(const std::string& line) {
 
 bool StateJournal::compact() {
   nlohmann::json rules = nlohmann::json::array();
-  for (const auto& [r, current] : rules_) {
-    rules.push_back({familyNumber(r.v6), r.priority, r.mark, r.table});
+  for (const auto& [r, held] : rules_) {
+    rules.push_back({familyNumber(r.v6), r.priority, r.mark, r.table,
+                     held.nexthop.isUnset() ? "" : held.nexthop.stringValue()});
   }
   nlohmann::json tables = nlohmann::json::array();
   for (const auto& [t, current] : tables_) tables.push_back({familyNumber(t.v6), t.table});

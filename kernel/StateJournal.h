@@ -13,9 +13,11 @@
 // snapshot is rewritten (to a temporary file, then renamed) and the journal
 // emptied, so the record stays as small as what is in use.
 //
-// What a file held when it was loaded belongs to the previous run until this
-// run takes the same rule or table again; what is left of it once this run is
-// programmed are leftovers, for the daemon to remove.
+// Each rule is recorded with the nexthop it routes to, so that a restart can
+// give that nexthop the same numbers again. What a file held when it was
+// loaded belongs to the previous run until this run takes the same rule or
+// table again; what is left of it once this run is programmed are leftovers,
+// for the daemon to remove.
 #pragma once
 
 #include <cstddef>
@@ -25,6 +27,7 @@
 
 #include "kernel/KernelRouting.h"
 #include "platform/FileDescriptor.h"
+#include "platform/IpGenAddr.h"
 
 namespace Kernel {
 
@@ -39,7 +42,7 @@ class StateJournal {
   // previous run's. A missing or damaged file records nothing.
   void load();
 
-  void ruleHeld(const PolicyRule& rule);
+  void ruleHeld(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop);
   void ruleReleased(const PolicyRule& rule);
   void tableHeld(const RouteTableId& table);
   void tableReleased(const RouteTableId& table);
@@ -53,6 +56,8 @@ class StateJournal {
   std::vector<RouteTableId> leftoverTables() const;
   std::vector<PolicyRule> rules() const;
   std::vector<RouteTableId> tables() const;
+  // The nexthop a held rule routes to (unset when not recorded).
+  Velnet::IpGenAddr nexthopOf(const PolicyRule& rule) const;
 
   // Rewrites the snapshot from what is held and empties the journal.
   bool compact();
@@ -71,8 +76,13 @@ class StateJournal {
   std::string path_;
   Platform::FileDescriptor journal_;
   size_t journalLines_ = 0;
+  struct HeldRule {
+    bool current = false;  // taken by this run
+    Velnet::IpGenAddr nexthop;
+  };
+
   // Each held rule and table, and whether this run has taken it.
-  std::map<PolicyRule, bool> rules_;
+  std::map<PolicyRule, HeldRule> rules_;
   std::map<RouteTableId, bool> tables_;
   std::string error_;
 };

@@ -11,6 +11,8 @@
 namespace waymark::test {
 namespace {
 
+const Velnet::IpGenAddr kNexthop = Velnet::IpGenAddr::parse("192.0.2.1");
+
 using Kernel::PolicyRule;
 
 class ForeignNumbersTest : public NexthopTableManagerTest {
@@ -19,7 +21,7 @@ class ForeignNumbersTest : public NexthopTableManagerTest {
 };
 
 TEST_F(ForeignNumbersTest, WhatTheJournalDoesNotHoldIsAnothersAndIsSkipped) {
-  journal.ruleHeld({false, 3, 3, 3});
+  journal.ruleHeld({false, 3, 3, 3}, kNexthop);
   const std::vector<PolicyRule> rules = {{false, 0, 0, 255}, {false, 32766, 0, 254},
                                          {false, 2, 0, 100}, {true, 4, 0x10, 101},
                                          {false, 3, 3, 3},   {false, 32767, 0, 253}};

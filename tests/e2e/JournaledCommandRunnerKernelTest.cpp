@@ -67,6 +67,38 @@ TEST_P(JournaledCommandRunnerKernel, WhatTheKernelRefusedIsNotRecorded) {
   EXPECT_EQ(journal_->size(), 0u);
 }
 
+TEST_P(JournaledCommandRunnerKernel, AKeptRuleAndItsRouteNeverLeaveTheKernel) {
+  ns_->run(
+      "ip route add default via 192.0.2.1 table 300 && ip rule add priority 2 fwmark 2 lookup 300");
+  const std::string before = ns_->run("ip rule show priority 2; ip route show table 300");
+  runner_->keepInPlace({false, 2, 2, 300}, kNexthop);
+  // What the nexthop table manager runs for a nexthop programmed again with
+  // its numbers: each answered as usual, and the kernel never without them.
+  EXPECT_TRUE(runner_->run(RoutingRequest::deleteRule(kNexthop, 2, 2, 300)).succeeded());
+  EXPECT_EQ(ns_->run("ip rule show priority 2; ip route show table 300"), before);
+  EXPECT_EQ(runner_->run(RoutingRequest::deleteRoute(kNexthop, 300)),
+            Pbr::CommandOutcome::exited(255));
+  EXPECT_EQ(ns_->run("ip rule show priority 2; ip route show table 300"), before);
+  EXPECT_TRUE(runner_->run(RoutingRequest::addRoute(kNexthop, 300)).succeeded());
+  EXPECT_TRUE(runner_->run(RoutingRequest::addRule(kNexthop, 2, 2, 300)).succeeded());
+  EXPECT_EQ(ns_->run("ip rule show priority 2; ip route show table 300"), before);
+  EXPECT_EQ(journal_->size(), 2u);
+  // Kept once: the next removal is a removal.
+  runner_->run(RoutingRequest::deleteRule(kNexthop, 2, 2, 300));
+  runner_->run(RoutingRequest::deleteRoute(kNexthop, 300));
+  EXPECT_EQ(ns_->run("ip rule show priority 2; ip route show table 300 2>/dev/null"), "");
+}
+
+TEST_P(JournaledCommandRunnerKernel, AnotherNexthopAtAKeptRuleIsNotKept) {
+  ns_->run(
+      "ip route add default via 192.0.2.1 table 300 && ip rule add priority 2 fwmark 2 lookup 300");
+  runner_->keepInPlace({false, 2, 2, 300}, kNexthop);
+  const auto other = Velnet::IpGenAddr::parse("192.0.2.2");
+  EXPECT_TRUE(runner_->run(RoutingRequest::deleteRule(other, 2, 2, 300)).succeeded());
+  runner_->run(RoutingRequest::deleteRoute(other, 300));
+  EXPECT_EQ(ns_->run("ip rule show priority 2; ip route show table 300 2>/dev/null"), "");
+}
+
 INSTANTIATE_TEST_SUITE_P(Executors, JournaledCommandRunnerKernel, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "netlink" : "shell"; });
 

@@ -12,6 +12,8 @@
 namespace waymark::test {
 namespace {
 
+const Velnet::IpGenAddr kNexthop = Velnet::IpGenAddr::parse("192.0.2.1");
+
 using Kernel::PolicyRule;
 using Kernel::RouteTableId;
 using Kernel::StateJournal;
@@ -49,8 +51,8 @@ const PolicyRule kRule6{true, 3, 3, 3};
 TEST_F(StateJournalTest, WhatIsHeldAndNotReleasedIsWhatTheNextRunFinds) {
   {
     StateJournal j(path_);
-    j.ruleHeld(kRule);
-    j.ruleHeld(kRule6);
+    j.ruleHeld(kRule, kNexthop);
+    j.ruleHeld(kRule6, kNexthop);
     j.tableHeld({false, 2});
     j.tableHeld({true, 3});
     j.ruleReleased(kRule);
@@ -64,13 +66,13 @@ TEST_F(StateJournalTest, WhatIsHeldAndNotReleasedIsWhatTheNextRunFinds) {
 TEST_F(StateJournalTest, ALaterRunTellsWhatItTookAgainFromLeftovers) {
   {
     StateJournal j(path_);
-    j.ruleHeld(kRule);
-    j.ruleHeld(kRule6);
+    j.ruleHeld(kRule, kNexthop);
+    j.ruleHeld(kRule6, kNexthop);
     j.tableHeld({false, 2});
   }
   StateJournal next = reopened();
   EXPECT_EQ(next.leftoverRules().size(), 2u);
-  next.ruleHeld(kRule);
+  next.ruleHeld(kRule, kNexthop);
   EXPECT_EQ(next.leftoverRules(), std::vector<PolicyRule>{kRule6});
   EXPECT_EQ(next.leftoverTables(), std::vector<RouteTableId>{(RouteTableId{false, 2})});
   EXPECT_TRUE(next.holds(kRule));
@@ -79,10 +81,10 @@ TEST_F(StateJournalTest, ALaterRunTellsWhatItTookAgainFromLeftovers) {
 
 TEST_F(StateJournalTest, ThousandsOfFlapsLeaveARecordAsSmallAsWhatIsHeld) {
   StateJournal j(path_);
-  j.ruleHeld(kRule6);
+  j.ruleHeld(kRule6, kNexthop);
   for (uint32_t n = 2; n < 5000; ++n) {
     const PolicyRule r{false, n, n, n};
-    j.ruleHeld(r);
+    j.ruleHeld(r, kNexthop);
     j.tableHeld({false, n});
     j.ruleReleased(r);
     j.tableReleased({false, n});
@@ -103,8 +105,8 @@ TEST_F(StateJournalTest, ACutLastLineAndADamagedSnapshotLoseOnlyThemselves) {
 
 TEST_F(StateJournalTest, ACompactionInterruptedBeforeTheJournalIsEmptiedChangesNothing) {
   StateJournal j(path_);
-  j.ruleHeld(kRule);
-  j.ruleHeld(kRule6);
+  j.ruleHeld(kRule, kNexthop);
+  j.ruleHeld(kRule6, kNexthop);
   j.ruleReleased(kRule);
   const auto journal = path_ + ".journal";
   std::filesystem::copy_file(journal, dir_ / "lines");
@@ -117,7 +119,7 @@ TEST_F(StateJournalTest, ACompactionInterruptedBeforeTheJournalIsEmptiedChangesN
 
 TEST_F(StateJournalTest, RemoveLeavesNothingBehind) {
   StateJournal j(path_);
-  j.ruleHeld(kRule);
+  j.ruleHeld(kRule, kNexthop);
   j.compact();
   j.remove();
   EXPECT_FALSE(std::filesystem::exists(path_));

@@ -41,7 +41,7 @@ run() {  # EXECUTOR SIGNAL
   printf 'tunables:\n  command-executor: %s\n' "$executor" >> "$RUN/c.yaml"
   lab_start_daemon "$RUN/c.yaml" >/dev/null
   check "$executor: DNS goes to nh2 before the restart" "$(lab_arrived 4 udp 53)" nh2
-  before=$(resolved_state)
+  before=$(kernel_state)
   nh1=$(lab_seen nh1 4) nh2=$(lab_seen nh2 4) dflt=$(lab_seen dflt 4)
   ip netns exec "$LAB-client" "$STREAM" "$SERVICE4" 53 2 > "$RUN/sent" &
   STREAMER=$!
@@ -61,7 +61,7 @@ run() {  # EXECUTOR SIGNAL
   [ "$executor" = shell ] && allowed=$per
   check "$executor, $signal: at most $allowed of the stream went another way" \
     "$([ "$diverted" -le "$allowed" ] && echo yes || echo "$diverted went another way")" yes
-  check "$executor, $signal: the restart steers as before" "$(resolved_state)" "$before"
+  check "$executor, $signal: every nexthop keeps its rule, table and marks" "$(kernel_state)" "$before"
   check "$executor, $signal: the journal holds no more than is in the kernel" \
     "$(lab_ctl status --json | tr -d ' \n' | grep -o '"numbersHeld":[0-9]*' | cut -d: -f2)" \
     "$(( $(rules | grep -c fwmark) * 2 ))"

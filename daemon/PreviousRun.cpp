@@ -1,0 +1,96 @@
+#include "daemon/PreviousRun.h"
+
+#include <algorithm>
+
+namespace Waymark {
+
+namespace {
+
+// The owner that stands for "not this run's" in the manager's reverse maps.
+const Velnet::IpGenAddr kPrevious{Velnet::IpAddr()};
+
+}  // namespace
+
+PreviousRun::PreviousRun(const Kernel::StateJournal& journal) : tables_(journal.tables()) {
+  for (const auto& rule : journal.rules()) rules_.emplace_back(rule, journal.nexthopOf(rule));
+}
+
+bool PreviousRun::adopt(Pbr::NexthopTableManager& m, const Velnet::IpGenAddr& nexthop,
+                        const Kernel::PolicyRule& rule) const {
+  if (nexthop.isUnset() || nexthop.isV6() != rule.v6 || m.fwmark(nexthop) != 0) return false;
+  if (rule.mark == 0 || rule.priority == 0 ||
+      rule.priority > Pbr::NexthopTableManager::kMaxIpRuleIndex || rule.table == 0 ||
+      rule.table > 0xffff) {
+    return false;
+  }
+  const auto priority = static_cast<uint16_t>(rule.priority);
+  const auto table = static_cast<uint16_t>(rule.table);
+  if (!m.addrForIpRuleIndex(priority).isUnset() || !m.addrForRouteTable(table).isUnset() ||
+      !m.addrForFwmark(rule.mark).isUnset()) {
+    return false;
+  }
+  m.ipRuleIndexIs(nexthop, priority);
+  m.addrForIpRuleIndexIs(priority, nexthop);
+  m.fwmarkIs(nexthop, rule.mark);
+  m.addrForFwmarkIs(rule.mark, nexthop);
+  m.routeTableIs(nexthop, table);
+  m.addrForRouteTableIs(table, nexthop);
+  return true;
+}
+
+void PreviousRun::adoptInto(Pbr::NexthopTableManager& m,
+                            const std::vector<Velnet::IpGenAddr>& wanted) {
+  std::set<uint32_t> adoptedTables;
+  for (const auto& [rule, nexthop] : rules_) {
+    const bool isWanted = std::find(wanted.begin(), wanted.end(), nexthop) != wanted.end();
+    if (isWanted && adopt(m, nexthop, rule)) {
+      adopted_.emplace_back(rule, nexthop);
+      adoptedTables.insert(rule.table);
+      continue;
+    }
+    heldBack_.priorities.insert(rule.priority);
+    heldBack_.marks.insert(rule.mark);
+    heldBack_.tables.insert(rule.table);
+  }
+  for (const auto& t : tables_) {
+    if (adoptedTables.count(t.table) == 0) heldBack_.tables.insert(t.table);
+  }
+  for (const uint32_t p : heldBack_.priorities) {
+    const auto index = static_cast<uint16_t>(p);
+    if (p <= 0xffff && m.addrForIpRuleIndex(index).isUnset())
+      m.addrForIpRuleIndexIs(index, kPrevious);
+  }
+  for (const uint32_t t : heldBack_.tables) {
+    const auto table = static_cast<uint16_t>(t);
+    if (t <= 0xffff && m.addrForRouteTable(table).isUnset())
+      m.addrForRouteTableIs(table, kPrevious);
+  }
+  for (const uint32_t mark : heldBack_.marks) {
+    if (m.addrForFwmark(mark).isUnset()) m.addrForFwmarkIs(mark, kPrevious);
+  }
+}
+
+void PreviousRun::release(Pbr::NexthopTableManager& m) {
+  for (const uint32_t p : heldBack_.priorities) {
+    const auto index = static_cast<uint16_t>(p);
+    if (p <= 0xffff && m.addrForIpRuleIndex(index) == kPrevious) m.addrForIpRuleIndexDel(index);
+  }
+  for (const uint32_t t : heldBack_.tables) {
+    const auto table = static_cast<uint16_t>(t);
+    if (t <= 0xffff && m.addrForRouteTable(table) == kPrevious) m.addrForRouteTableDel(table);
+  }
+  for (const uint32_t mark : heldBack_.marks) {
+    if (m.addrForFwmark(mark) == kPrevious) m.addrForFwmarkDel(mark);
+  }
+  heldBack_ = {};
+}
+
+nlohmann::json PreviousRun::toJson() const {
+  return {{"nexthopsAdopted", adopted()},
+          {"heldBack",
+           {{"priorities", heldBack_.priorities},
+            {"tables", heldBack_.tables},
+            {"marks", heldBack_.marks}}}};
+}
+
+}  // namespace Waymark
