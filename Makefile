@@ -68,10 +68,12 @@ bench: deps
 	cmake --build $(BENCH_DIR) -j $(JOBS)
 	@for b in $(BENCH_DIR)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
 
-# waymarkd at scale against the naive way and the limit (root; minutes).
+# waymarkd at scale against the naive way and the limit, then a start of one
+# large policy against loading its final state at once (root; minutes).
 bench-scale: build
 	$(MAKE) deps PACKAGES="bc gnuplot-nox"
 	bash bench/scale.sh $(BUILD)
+	bash bench/start.sh $(BUILD)
 
 demo: build
 	bash examples/demo.sh $(BUILD)

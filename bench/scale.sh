@@ -94,31 +94,14 @@ for size in $SIZES; do
   [ "$lines" = $((2 * S)) ] || echo "size $size: $lines rules in the kernel, expected $((2 * S))"
   [ "$rules" = "$N" ] || echo "size $size: $rules ip rules in the kernel, expected $N"
 
-  # The final state waymarkd reached, as the limit loads it: the mangle
-  # tables as iptables-save prints them (restorable), and each nexthop's
-  # route and rule as one `ip -batch`.
-  in_ns iptables-save -t mangle > "$RUN/v4.save"
-  in_ns ip6tables-save -t mangle > "$RUN/v6.save"
-  { in_ns ip rule | awk '/fwmark/ {sub(":", "", $1); print "rule add priority", $1, "fwmark", $5, "lookup", $7}'
-    for t in $(in_ns ip rule | awk '/fwmark/ {print $7}'); do
-      in_ns ip route show table "$t" | awk -v t="$t" '{print "route add default via", $3, "table", t}'
-    done
-  } > "$RUN/ip.batch"
-  # ip -batch takes no family option per line: IPv6 goes in a batch of its own.
-  { in_ns ip -6 rule | awk '/fwmark/ {sub(":", "", $1); print "rule add priority", $1, "fwmark", $5, "lookup", $7}'
-    for t in $(in_ns ip -6 rule | awk '/fwmark/ {print $7}'); do
-      in_ns ip -6 route show table "$t" | awk -v t="$t" '{print "route add default via", $3, "table", t}'
-    done
-  } > "$RUN/ip6.batch"
+  # The final state waymarkd reached, as the limit loads it.
+  save_final_state "$NS" "$RUN"
   grep -- '^-A' "$RUN/v4.save" > "$RUN/v4.lines"
   grep -- '^-A' "$RUN/v6.save" > "$RUN/v6.lines"
   stop_waymarkd
   setup_ns
   l0=$(now)
-  in_ns iptables-restore -w < "$RUN/v4.save"
-  in_ns ip6tables-restore -w < "$RUN/v6.save"
-  in_ns ip -force -batch "$RUN/ip.batch"
-  in_ns ip -6 -force -batch "$RUN/ip6.batch"
+  load_final_state "$NS" "$RUN"
   l1=$(now)
   [ "$(kernel_lines)" = $((2 * S)) ] && [ "$(kernel_rules)" = "$N" ] ||
     echo "size $size: the limit did not load everything"
@@ -134,13 +117,13 @@ for size in $SIZES; do
   { echo '*mangle'; cat "$RUN/v4.appends"; echo COMMIT; } | in_ns iptables-restore --noflush -w
   tail -200 "$RUN/v4.appends" | sed 's/^/iptables -w -t mangle /' > "$RUN/naive.tail"
   n2=$(now); in_ns sh "$RUN/naive.tail"; n3=$(now)
-  head -200 "$RUN/ip.batch" | sed 's/^/ip /' > "$RUN/naive.ip"
+  head -200 "$RUN/ip4.batch" | sed 's/^/ip /' > "$RUN/naive.ip"
   n4=$(now); in_ns sh "$RUN/naive.ip" >/dev/null 2>&1; n5=$(now)
   per_line_start=$(echo "($n1 - $n0) / $(wc -l < "$RUN/naive.head")" | bc -l)
   per_line_end=$(echo "($n3 - $n2) / $(wc -l < "$RUN/naive.tail")" | bc -l)
   per_cmd=$(echo "($n5 - $n4) / $(wc -l < "$RUN/naive.ip")" | bc -l)
   total_lines=$(cat "$RUN/v4.lines" "$RUN/v6.lines" | wc -l)
-  naive=$(echo "($per_line_start + $per_line_end) / 2 * $total_lines + $per_cmd * $(cat "$RUN/ip.batch" "$RUN/ip6.batch" | wc -l)" | bc -l)
+  naive=$(echo "($per_line_start + $per_line_end) / 2 * $total_lines + $per_cmd * $(cat "$RUN/ip4.batch" "$RUN/ip6.batch" | wc -l)" | bc -l)
 
   printf '%s\t%s\t%s\t%.2f\t%.2f\t%.3f\t%.2f\t%s\t%s\t%.2f\t%.2f\t%.0f\n' "$size" "$S" "$N" \
     "$(elapsed "$t0" "$t1")" "$netlink_total" "$nexthop_loop" "$turn" "$cpu" "$rss" "$(elapsed "$r0" "$r1")" \

@@ -1,7 +1,9 @@
-# Large configurations for the scale benchmark and the crash test, to be
+# Large configurations for the scale benchmarks and the crash test, to be
 # sourced: generate() writes S sub-rules over 10 policies and N nexthops,
-# and scale_namespace() makes a namespace whose one link covers every
-# nexthop generate() uses.
+# generate_one_policy() S sub-rules in one policy, scale_namespace() makes a
+# namespace whose one link covers every nexthop they use, and
+# save_final_state() / load_final_state() load what waymarkd programmed the
+# fastest way there is (the limit).
 
 # The n-th nexthop: IPv4 from 198.51.100.0/24 and 203.0.113.0/24 for even n,
 # IPv6 from 2001:db8:1::/64 for odd n.
@@ -46,6 +48,66 @@ generate() {
     echo "interfaces:"
     for p in $(seq 0 9); do echo "  in$p: p$p"; done
   } > "$3"
+}
+
+# S sub-rules in one policy of C classes (S / C rules each, IPv4 and IPv6
+# classes alternating) over N nexthops, applied to one interface; each class
+# forwards to two nexthops of its family.
+generate_one_policy() {  # S N C FILE
+  local s=$1 n=$2 classes=$3 per=$(( $1 / $3 )) c r fam a b
+  {
+    echo "tunables:"
+    echo "  command-executor: shell"
+    echo "access-lists:"
+    for c in $(seq 0 $((classes - 1))); do
+      fam=$((c % 2))
+      echo "  l$c:"
+      [ $fam = 1 ] && echo "    ipv6: true"
+      echo "    rules:"
+      for r in $(seq 0 $((per - 1))); do
+        [ $fam = 0 ] && echo "      - permit tcp any any eq $((1000 + c * per + r))" \
+                     || echo "      - permit udp any any eq $((1000 + c * per + r))"
+      done
+    done
+    echo "class-maps:"
+    for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
+    echo "policy-maps:"
+    echo "  p0:"
+    for c in $(seq 0 $((classes - 1))); do
+      fam=$((c % 2))
+      a=$(( (c * 2) % n )); [ $((a % 2)) != $fam ] && a=$(( (a + 1) % n ))
+      b=$(( (a + 2) % n ))
+      echo "    - class: c$c"
+      echo "      nexthops: ['$(nexthop $a)', '$(nexthop $b)']"
+    done
+    echo "interfaces:"
+    echo "  in0: p0"
+  } > "$4"
+}
+
+# Saves what waymarkd programmed in namespace NS into DIR: the mangle tables
+# as iptables-save prints them (restorable), each family's nexthop routes
+# and rules as an `ip -batch` file.
+save_final_state() {  # NS DIR
+  local fam t
+  ip netns exec "$1" iptables-save -t mangle > "$2/v4.save"
+  ip netns exec "$1" ip6tables-save -t mangle > "$2/v6.save"
+  for fam in 4 6; do
+    { ip netns exec "$1" ip -$fam rule | awk '/fwmark/ {sub(":", "", $1); print "rule add priority", $1, "fwmark", $5, "lookup", $7}'
+      for t in $(ip netns exec "$1" ip -$fam rule | awk '/fwmark/ {print $7}'); do
+        ip netns exec "$1" ip -$fam route show table "$t" | awk -v t="$t" '{print "route add default via", $3, "table", t}'
+      done
+    } > "$2/ip$fam.batch"
+  done
+}
+
+# Loads what save_final_state() saved into NS at once: one restore per
+# family and one `ip -batch` per family, one after the other.
+load_final_state() {  # NS DIR
+  ip netns exec "$1" iptables-restore -w < "$2/v4.save"
+  ip netns exec "$1" ip6tables-restore -w < "$2/v6.save"
+  ip netns exec "$1" ip -4 -force -batch "$2/ip4.batch"
+  ip netns exec "$1" ip -6 -force -batch "$2/ip6.batch"
 }
 
 scale_namespace() {  # NS
