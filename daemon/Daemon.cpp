@@ -153,6 +153,12 @@ int Daemon::run() {
 
 bool Daemon::start(std::string* error) {
   startedAt_ = monotonic();
+  // Blocked before the writer's threads exist, which inherit the mask: the
+  // signals must reach the signalfd, never a thread's default action.
+  sigset_t mask;
+  sigemptyset(&mask);
+  for (const int s : {SIGHUP, SIGTERM, SIGINT}) sigaddset(&mask, s);
+  sigprocmask(SIG_BLOCK, &mask, nullptr);
   Cell::cellIdIs(options_.cellId);
   store_ = Vix::make<Stordb::EntityManager>();
   pbrConfig_ = Vix::make<Pbr::Config>();
@@ -190,10 +196,6 @@ bool Daemon::start(std::string* error) {
       [this](const nlohmann::json& request) { return handleRequest(request); });
   if (!control_->listen(options_.socket, error)) return false;
 
-  sigset_t mask;
-  sigemptyset(&mask);
-  for (const int s : {SIGHUP, SIGTERM, SIGINT}) sigaddset(&mask, s);
-  sigprocmask(SIG_BLOCK, &mask, nullptr);
   signals_ = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
   timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
   epoll_ = epoll_create1(EPOLL_CLOEXEC);
@@ -244,7 +246,11 @@ void Daemon::createRunners() {
 }
 
 void Daemon::loop() {
+  // The first wait does not block: requests that arrived while the daemon
+  // started are answered before any kernel work begins.
+  int timeout = 0;
   while (!stop_) {
+    serve(timeout);
     const double turn = monotonic();
     // One timer per turn: each is bounded by its own time slice, and the
     // loop serves its sockets between them.
@@ -259,30 +265,34 @@ void Daemon::loop() {
     }
     timerfd_settime(timer_, 0, &when, nullptr);
     longestTurn_ = std::max(longestTurn_, monotonic() - turn);
-    epoll_event events[8];
-    const int n = epoll_wait(epoll_, events, 8, sleep == 0 ? 0 : -1);
-    for (int i = 0; i < n; ++i) {
-      const int fd = events[i].data.fd;
-      if (fd == timer_) {
-        uint64_t expirations;
-        if (read(timer_, &expirations, sizeof expirations) < 0) continue;
-      } else if (fd == signals_) {
-        signalfd_siginfo info{};
-        while (read(signals_, &info, sizeof info) == sizeof info) {
-          if (info.ssi_signo == SIGHUP) {
-            const std::string error = reload();
-            log(error.empty() ? "reloaded " + options_.config : "reload refused: " + error);
-          } else {
-            stop_ = true;
-          }
+    timeout = sleep == 0 ? 0 : -1;
+  }
+}
+
+void Daemon::serve(int timeout) {
+  epoll_event events[8];
+  const int n = epoll_wait(epoll_, events, 8, timeout);
+  for (int i = 0; i < n; ++i) {
+    const int fd = events[i].data.fd;
+    if (fd == timer_) {
+      uint64_t expirations;
+      if (read(timer_, &expirations, sizeof expirations) < 0) continue;
+    } else if (fd == signals_) {
+      signalfd_siginfo info{};
+      while (read(signals_, &info, sizeof info) == sizeof info) {
+        if (info.ssi_signo == SIGHUP) {
+          const std::string error = reload();
+          log(error.empty() ? "reloaded " + options_.config : "reload refused: " + error);
+        } else {
+          stop_ = true;
         }
-      } else if (fd == netlink_->fd()) {
-        netlink_->handleEvents();
-      } else if (fd == control_->fd()) {
-        control_->handle();
-      } else if (asyncWriter_ && fd == asyncWriter_->fd()) {
-        takeWriterOutcomes();
       }
+    } else if (fd == netlink_->fd()) {
+      netlink_->handleEvents();
+    } else if (fd == control_->fd()) {
+      control_->handle();
+    } else if (asyncWriter_ && fd == asyncWriter_->fd()) {
+      takeWriterOutcomes();
     }
   }
 }

@@ -77,6 +77,9 @@ class Daemon {
   void readKernel();
   void createRunners();
   void loop();
+  // Waits at most `timeout` ms (-1: until something happens) and handles
+  // what is ready: signals, netlink events, control requests, the writer.
+  void serve(int timeout);
   // Moves the start on when its current phase is done.
   void advanceStartup();
   // Removes what the previous run held and this one did not take again.

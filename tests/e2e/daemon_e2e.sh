@@ -85,6 +85,32 @@ check "--check names the line" \
   "e2e.yaml:21:1"
 cp "$RUN/good.yaml" "$CONFIG"
 
+echo "== signals reach the event loop, whatever thread the kernel hands them to"
+for _ in $(seq 20); do kill -HUP "$DAEMON"; done
+lab_settle
+check "twenty SIGHUPs reload, and the daemon lives" "$(kill -0 "$DAEMON" 2>/dev/null && echo alive)" alive
+check "...and still steers" "$(lab_arrived 4 tcp 80)" nh1
+
+echo "== the control socket answers from the first moment and shows the start's phase"
+lab_stop_daemon
+{ cat "$CONFIG"; printf 'tunables:\n  nexthop-programming-time-limit: 0\n'; } > "$RUN/held.yaml"
+rm -f "$RUN/waymarkd.sock"
+ip netns exec "$LAB-router" "$WAYMARKD" --config "$RUN/held.yaml" --socket "$RUN/waymarkd.sock" \
+  --state "$RUN/state.json" >>"$RUN/waymarkd.log" 2>&1 &
+DAEMON=$!
+phase=""
+for _ in $(seq 1500); do
+  phase=$(lab_ctl status --json 2>/dev/null | tr -d '\n' | grep -o '"phase": *"[^"]*"' | cut -d'"' -f4) && [ -n "$phase" ] && break
+  sleep 0.02
+done
+check "a start held at its nexthops answers with its phase" "$phase" "programming nexthops"
+check "...and is not idle" "$(lab_ctl wait-idle --timeout 0.2 >/dev/null 2>&1; echo $?)" 1
+check "traffic keeps its old steering meanwhile" "$(lab_arrived 4 tcp 80)" nh1
+lab_ctl set nexthop-programming-time-limit 0.5
+lab_ctl wait-idle --timeout 60 >/dev/null
+check "once programming may run, the start completes" \
+  "$(lab_ctl status --json | tr -d '\n' | grep -o '"phase": *"[^"]*"' | cut -d'"' -f4)" running
+
 echo "== --cleanup leaves no trace"
 lab_stop_daemon
 in_ns router "$WAYMARKD" --cleanup --config "$CONFIG" --state "$RUN/state.json" 2>/dev/null
