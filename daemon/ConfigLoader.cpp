@@ -78,6 +78,12 @@ class Reader {
     if (v == "netlink") return CommandExecutor::netlink;
     fail(n, what + " must be shell or netlink, not " + Vix::quoted(v));
   }
+  MangleTable mangleTable(const YamlNode& n) const {
+    const std::string v = scalar(n, "mangle-table");
+    if (v == "refuse-if-foreign") return MangleTable::refuseIfForeign;
+    if (v == "take-over") return MangleTable::takeOver;
+    fail(n, "mangle-table must be refuse-if-foreign or take-over, not " + Vix::quoted(v));
+  }
   uint32_t count(const YamlNode& n, const std::string& what, uint32_t low, uint32_t high) const {
     const std::string v = scalar(n, what);
     char* end = nullptr;
@@ -190,9 +196,9 @@ PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YamlN
 ConfigModel readModel(Reader& r, const YamlNode& root) {
   ConfigModel model;
   if (!root || root.isNull()) return model;
-  const auto top =
-      r.entries(root, "the configuration",
-                {"tunables", "access-lists", "class-maps", "policy-maps", "interfaces"});
+  const auto top = r.entries(
+      root, "the configuration",
+      {"tunables", "mangle-table", "access-lists", "class-maps", "policy-maps", "interfaces"});
   auto section = [&](const char* name) {
     for (const auto& [key, value] : top) {
       if (key.scalar() == name) return value;
@@ -200,6 +206,7 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
     return YamlNode();
   };
   if (const auto t = section("tunables"); t && !t.isNull()) readTunables(r, t, model.tunables);
+  if (const auto m = section("mangle-table")) model.mangleTable = r.mangleTable(m);
   if (const auto lists = section("access-lists"); lists && !lists.isNull()) {
     for (const auto& [key, value] : r.entries(lists, "access-lists")) {
       const std::string n = r.name(key, "access-list name");

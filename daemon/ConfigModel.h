@@ -19,6 +19,10 @@ namespace Waymark {
 // shell, or carried out in-process as rtnetlink requests.
 enum class CommandExecutor { shell, netlink };
 
+// What to do at start when the mangle table holds rules or chains that
+// waymark did not write: refuse to start, or flush them with the table.
+enum class MangleTable { refuseIfForeign, takeOver };
+
 struct Tunables {
   double nexthopProgrammingTimeLimit = 0.5;
   uint32_t rulesPerInvocation = 300;
@@ -44,6 +48,7 @@ struct PolicyClassSpec {
 
 struct ConfigModel {
   Tunables tunables;
+  MangleTable mangleTable = MangleTable::refuseIfForeign;
   std::map<std::string, AccessListSpec> accessLists;
   std::map<std::string, std::vector<std::string>> classMaps;
   // In configuration order.

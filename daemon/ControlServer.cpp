@@ -114,6 +114,13 @@ bool ControlServer::listen(const std::string& path, std::string* error) {
   return true;
 }
 
+bool ControlServer::serving(const std::string& path) {
+  sockaddr_un addr{};
+  if (!fillAddress(path, &addr)) return false;
+  const Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  return fd.get() >= 0 && connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+}
+
 void ControlServer::handle() {
   while (true) {
     const Fd client(accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC));

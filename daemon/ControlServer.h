@@ -24,6 +24,9 @@ class ControlServer {
   ControlServer& operator=(const ControlServer&) = delete;
 
   bool listen(const std::string& path, std::string* error);
+  // True when something accepts connections at `path`: a socket file left by
+  // a daemon that is gone does not.
+  static bool serving(const std::string& path);
   int fd() const { return fd_; }
   void handle();
 

@@ -18,6 +18,7 @@
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
 #include "framework/Trace.h"
+#include "kernel/MangleReadback.h"
 #include "kernel/NetlinkCommandRunner.h"
 #include "kernel/QuietCommandRunner.h"
 #include "platform/Cell.h"
@@ -137,14 +138,22 @@ int Daemon::run() {
                 model_.policyMaps.size(), model_.interfaces.size());
     return 0;
   }
+  std::string error;
+  if (ControlServer::serving(options_.socket)) {
+    log("another waymarkd serves " + options_.socket + "; refusing to start");
+    return kExitAnotherInstance;
+  }
+  if (!options_.dryRun && !lock_.take(options_.state, &error)) {
+    log(error + "; refusing to " + (options_.cleanup ? "clean up" : "start"));
+    return kExitAnotherInstance;
+  }
   if (options_.cleanup) {
     cleanupKernel();
     return 0;
   }
-  std::string error;
   if (!start(&error)) {
     log(error);
-    return 1;
+    return startFailure_;
   }
   loop();
   log("stopping; the kernel stays programmed");
@@ -168,7 +177,13 @@ bool Daemon::start(std::string* error) {
 
   netlink_ = std::make_unique<NetlinkListener>(ipStatus_, ip6Status_);
   if (!netlink_->open(error)) return false;
-  if (!options_.dryRun) readKernel();
+  if (!options_.dryRun) {
+    if (!guardMangleTable(error)) return false;
+    // Subscribed before the kernel is read, so that nothing another tool
+    // adds in between goes unseen.
+    if (!routingEvents_.open(error)) return false;
+    readKernel();
+  }
 
   Pbr::fillStateDatabase(*store_, {pbrConfig_, Vix::make<PolicyMap::PolicyMapTypeStatus>(),
                                    aclConfig_, ipStatus_, ip6Status_});
@@ -205,6 +220,7 @@ bool Daemon::start(std::string* error) {
   }
   std::vector<int> fds = {signals_, timer_, netlink_->fd(), control_->fd()};
   if (asyncWriter_) fds.push_back(asyncWriter_->fd());
+  if (routingEvents_.fd() >= 0) fds.push_back(routingEvents_.fd());
   for (const int fd : fds) {
     epoll_event ev{};
     ev.events = EPOLLIN;
@@ -213,6 +229,32 @@ bool Daemon::start(std::string* error) {
   }
   log("running with " + options_.config);
   return true;
+}
+
+bool Daemon::guardMangleTable(std::string* error) {
+  std::vector<std::string> foreign;
+  for (const bool v6 : {false, true}) {
+    std::string readError;
+    const std::string save = Kernel::MangleReadback::save(v6, options_.childTimeLimit, &readError);
+    if (!readError.empty()) {
+      *error = "cannot read the mangle table: " + readError;
+      return false;
+    }
+    for (const auto& line : Kernel::MangleReadback::foreign(save)) {
+      foreign.push_back(std::string(v6 ? "ip6tables" : "iptables") + " -t mangle " + line);
+    }
+  }
+  if (foreign.empty()) return true;
+  const bool takeOver = model_.mangleTable == MangleTable::takeOver;
+  for (const auto& line : foreign) {
+    log(std::string(takeOver ? "taking over the mangle table, flushing: " : "foreign: ") + line);
+  }
+  if (takeOver) return true;
+  startFailure_ = kExitForeignMangle;
+  *error = "the mangle table holds " + std::to_string(foreign.size()) +
+           " rule(s) or chain(s) that waymark did not write, which its start would flush; "
+           "refusing to start (remove them, or say 'mangle-table: take-over')";
+  return false;
 }
 
 void Daemon::readKernel() {
@@ -257,6 +299,9 @@ void Daemon::loop() {
     Vix::activityManager().runDue(1);
     gate_->applyWhenQuiet(model_);
     advanceStartup();
+    // A number of another's that coincided with one of waymark's becomes
+    // free when waymark lets go of it; it must not be handed out then.
+    foreign_.reserveIn(*plugin_->nexthopTableManager());
     const double sleep = Vix::activityManager().sleepTime();
     itimerspec when{};
     if (sleep != Vix::kNever && sleep > 0) {
@@ -293,7 +338,40 @@ void Daemon::serve(int timeout) {
       control_->handle();
     } else if (asyncWriter_ && fd == asyncWriter_->fd()) {
       takeWriterOutcomes();
+    } else if (fd == routingEvents_.fd()) {
+      handleRoutingEvents();
     }
+  }
+}
+
+void Daemon::handleRoutingEvents() {
+  routingEvents_.handle({[this](const auto& r) { noticeRule(r); },
+                         [this](const auto& t) { noticeRoute(t); }, [this] { noticeAll(); }});
+}
+
+void Daemon::noticeRule(const Kernel::PolicyRule& rule) {
+  // waymark's own rules are journaled before they are added; one it has
+  // deleted again since is no longer in the kernel.
+  if (journal_.holds(rule) || !routing_->hasRule(rule)) return;
+  if (!foreign_.addRule(rule)) return;
+  foreign_.reserveIn(*plugin_->nexthopTableManager());
+  log("another tool's rule at priority " + std::to_string(rule.priority) + " (table " +
+      std::to_string(rule.table) + ", mark " + std::to_string(rule.mark) +
+      "): its numbers are reserved");
+}
+
+void Daemon::noticeRoute(const Kernel::RouteTableId& table) {
+  if (table.table == 0 || (table.table >= 253 && table.table <= 255)) return;
+  if (journal_.holds(table) || !routing_->hasRoutes(table)) return;
+  if (!foreign_.addTable(table.table)) return;
+  foreign_.reserveIn(*plugin_->nexthopTableManager());
+  log("another tool's routes in table " + std::to_string(table.table) + ": it is reserved");
+}
+
+void Daemon::noticeAll() {
+  for (const bool v6 : {false, true}) {
+    for (const auto& rule : routing_->rules(v6)) noticeRule(rule);
+    for (const auto& [table, routes] : routing_->routeTables(v6)) noticeRoute({v6, table});
   }
 }
 
@@ -471,6 +549,7 @@ nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
     // What the kernel has already reported counts as work not yet done:
     // take it in first, so that a change made just before asking is seen.
     netlink_->handleEvents();
+    if (routingEvents_.fd() >= 0) handleRoutingEvents();
     if (asyncWriter_) takeWriterOutcomes();
     return {{"idle", idle()}};
   }

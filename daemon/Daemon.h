@@ -31,11 +31,13 @@
 #include "daemon/ConfigModel.h"
 #include "daemon/ControlServer.h"
 #include "daemon/ForeignNumbers.h"
+#include "daemon/InstanceLock.h"
 #include "daemon/NetlinkListener.h"
 #include "daemon/PreviousRun.h"
 #include "kernel/AsyncIptablesWriter.h"
 #include "kernel/JournaledCommandRunner.h"
 #include "kernel/KernelRouting.h"
+#include "kernel/RoutingEvents.h"
 #include "kernel/StateJournal.h"
 #include "nexthop/CommandRunner.h"
 #include "platform/IptablesManager.h"
@@ -54,6 +56,16 @@ struct DaemonOptions {
   bool cleanup = false;
   // Longest run of one `ip` or iptables-restore child.
   double childTimeLimit = 30.0;
+};
+
+// waymarkd's exit statuses. The refusals have their own, so that a service
+// manager can tell them from a failure worth restarting for.
+enum ExitStatus : int {
+  kExitOk = 0,
+  kExitFailed = 1,
+  kExitUsage = 2,
+  kExitForeignMangle = 3,   // the mangle table holds another tool's rules
+  kExitAnotherInstance = 4  // another waymarkd holds the state or the socket
 };
 
 // Where a start stands; the status shows it.
@@ -75,6 +87,9 @@ class Daemon {
   bool start(std::string* error);
   // Reads the state journal and the kernel's rules and tables.
   void readKernel();
+  // False when the mangle table holds another tool's rules and the
+  // configuration does not say to take it over; names them either way.
+  bool guardMangleTable(std::string* error);
   void createRunners();
   void loop();
   // Waits at most `timeout` ms (-1: until something happens) and handles
@@ -84,6 +99,12 @@ class Daemon {
   void advanceStartup();
   // Removes what the previous run held and this one did not take again.
   void removeLeftovers();
+  void handleRoutingEvents();
+  // A rule or route another tool adds: its numbers are never handed out.
+  void noticeRule(const Kernel::PolicyRule& rule);
+  void noticeRoute(const Kernel::RouteTableId& table);
+  // Reads every rule and table again, after missed announcements.
+  void noticeAll();
   // Hands the writer's outcomes to the iptables managers.
   void takeWriterOutcomes();
   nlohmann::json handleRequest(const nlohmann::json& request);
@@ -100,6 +121,8 @@ class Daemon {
   nlohmann::json interfaces() const;
 
   DaemonOptions options_;
+  InstanceLock lock_;
+  int startFailure_ = kExitFailed;
   ConfigModel model_;
   Kernel::StateJournal journal_;
   ForeignNumbers foreign_;
@@ -111,6 +134,7 @@ class Daemon {
   Vix::Ptr<Ip::Status> ipStatus_;
   Vix::Ptr<Ip6::Status> ip6Status_;
   std::unique_ptr<NetlinkListener> netlink_;
+  Kernel::RoutingEvents routingEvents_;
   std::unique_ptr<ConfigApplier> applier_;
   std::unique_ptr<ControlServer> control_;
   // The ways to the kernel: the shell executor, and the rtnetlink executor

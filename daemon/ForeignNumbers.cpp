@@ -25,16 +25,18 @@ ForeignNumbers ForeignNumbers::of(const std::vector<Kernel::PolicyRule>& rules,
 
 // Only numbers the manager could hand out are kept: priorities 1 to 32765,
 // tables 1 to 65535 but the kernel's own 253 to 255, marks other than 0.
-void ForeignNumbers::addRule(const Kernel::PolicyRule& rule) {
+bool ForeignNumbers::addRule(const Kernel::PolicyRule& rule) {
+  bool added = false;
   if (rule.priority >= 1 && rule.priority <= Pbr::NexthopTableManager::kMaxIpRuleIndex) {
-    priorities_.insert(rule.priority);
+    added = priorities_.insert(rule.priority).second;
   }
-  if (rule.mark != 0) marks_.insert(rule.mark);
-  addTable(rule.table);
+  if (rule.mark != 0) added = marks_.insert(rule.mark).second || added;
+  return addTable(rule.table) || added;
 }
 
-void ForeignNumbers::addTable(uint32_t table) {
-  if (table >= 1 && table <= 0xffff && (table < 253 || table > 255)) tables_.insert(table);
+bool ForeignNumbers::addTable(uint32_t table) {
+  if (table < 1 || table > 0xffff || (table >= 253 && table <= 255)) return false;
+  return tables_.insert(table).second;
 }
 
 void ForeignNumbers::reserveIn(Pbr::NexthopTableManager& m) const {

@@ -5,8 +5,9 @@
 // route into another's table (nor empties it), and never marks packets with
 // a mark another rule already routes.
 //
-// Found at start from the kernel's rules and tables: whatever the state
-// journal does not record as waymark's is another's.
+// Found at start from the kernel's rules and tables (whatever the state
+// journal does not record as waymark's is another's), and later from the
+// kernel's announcements of new rules and routes.
 #pragma once
 
 #include <cstdint>
@@ -29,6 +30,10 @@ class ForeignNumbers {
                            const std::vector<Kernel::RouteTableId>& tables,
                            const Kernel::StateJournal& journal);
 
+  // Adds what another tool's rule or table uses; true when that is new.
+  bool addRule(const Kernel::PolicyRule& rule);
+  bool addTable(uint32_t table);
+
   // Makes every number count as in use for `manager`'s allocation.
   void reserveIn(Pbr::NexthopTableManager& manager) const;
 
@@ -38,9 +43,6 @@ class ForeignNumbers {
   nlohmann::json toJson() const;
 
  private:
-  void addRule(const Kernel::PolicyRule& rule);
-  void addTable(uint32_t table);
-
   std::set<uint32_t> priorities_;
   std::set<uint32_t> tables_;
   std::set<uint32_t> marks_;

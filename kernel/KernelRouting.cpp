@@ -4,6 +4,7 @@
 #include <linux/fib_rules.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -98,6 +99,11 @@ std::vector<PolicyRule> KernelRouting::rules(bool v6) {
                    u32(attrs, FRA_TABLE, h->table)});
   });
   return out;
+}
+
+bool KernelRouting::hasRule(const PolicyRule& rule) {
+  const auto all = rules(rule.v6);
+  return std::find(all.begin(), all.end(), rule) != all.end();
 }
 
 std::vector<std::vector<char>> KernelRouting::routes(bool v6, uint32_t table) {

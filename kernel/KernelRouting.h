@@ -53,6 +53,10 @@ class KernelRouting {
 
   // Every rule of the family.
   std::vector<PolicyRule> rules(bool v6);
+  // Whether the kernel holds exactly this rule.
+  bool hasRule(const PolicyRule& rule);
+  // Whether the table holds any route.
+  bool hasRoutes(const RouteTableId& table) { return !routes(table.v6, table.table).empty(); }
   // Each table of the family that holds routes, with how many.
   std::map<uint32_t, uint32_t> routeTables(bool v6);
 

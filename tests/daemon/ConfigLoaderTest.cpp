@@ -95,6 +95,13 @@ TEST(ConfigLoaderTest, AnEmptyFileIsAnEmptyConfiguration) {
   EXPECT_EQ(m.tunables, Tunables());
 }
 
+TEST(ConfigLoaderTest, TheMangleTableIsTakenOverOnlyWhenTheFileSaysSo) {
+  EXPECT_EQ(ConfigLoader::loadString("policy-maps: {}\n", "f").mangleTable,
+            MangleTable::refuseIfForeign);
+  EXPECT_EQ(ConfigLoader::loadString("mangle-table: take-over\n", "f").mangleTable,
+            MangleTable::takeOver);
+}
+
 TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
   EXPECT_EQ(error("polcy-maps: {}\n"),
             "waymark.yaml:1:1: unknown key 'polcy-maps' in the configuration");
@@ -143,6 +150,8 @@ TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
             "to 3600, not 'nan'");
   EXPECT_EQ(error("tunables:\n  command-executor: system\n"),
             "waymark.yaml:2:21: command-executor must be shell or netlink, not 'system'");
+  EXPECT_EQ(error("mangle-table: flush\n"),
+            "waymark.yaml:1:15: mangle-table must be refuse-if-foreign or take-over, not 'flush'");
   EXPECT_EQ(error("access-lists: [\n"),
             "waymark.yaml:2:1: did not find expected node content while parsing a flow node");
 }

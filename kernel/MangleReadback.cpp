@@ -1,0 +1,49 @@
+#include "kernel/MangleReadback.h"
+
+#include <sstream>
+
+#include "platform/ChildProcess.h"
+
+namespace Kernel {
+
+namespace {
+
+const std::string kDispatch = "TAMBRO_PBR_INTF";
+
+bool ours(const std::string& chain) { return chain == kDispatch || chain.rfind("PBR_", 0) == 0; }
+
+bool builtIn(const std::string& chain) {
+  return chain == "PREROUTING" || chain == "INPUT" || chain == "FORWARD" || chain == "OUTPUT" ||
+         chain == "POSTROUTING";
+}
+
+}  // namespace
+
+std::string MangleReadback::save(bool v6, double timeLimit, std::string* error) {
+  const char* tool = v6 ? "ip6tables-save" : "iptables-save";
+  const auto r = Platform::ChildProcess::run({tool, "-t", "mangle"}, "", timeLimit);
+  if (!r.ok()) *error = std::string(tool) + " " + r.describe(timeLimit) + ": " + r.output;
+  return r.output;
+}
+
+std::vector<std::string> MangleReadback::foreign(const std::string& save) {
+  std::vector<std::string> out;
+  std::istringstream in(save);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    std::string first;
+    std::string chain;
+    words >> first >> chain;
+    if (first.size() > 1 && first[0] == ':') {
+      const std::string name = first.substr(1);
+      if (!builtIn(name) && !ours(name)) out.push_back("-N " + name);
+    } else if (first == "-A") {
+      if (ours(chain)) continue;
+      if (line == "-A PREROUTING -j " + kDispatch) continue;
+      out.push_back(line);
+    }
+  }
+  return out;
+}
+
+}  // namespace Kernel
