@@ -16,6 +16,16 @@ nexthop() {
   fi
 }
 
+# Class c of a policy: it forwards to two nexthops of its family (IPv4 for
+# even c) out of N.
+policy_class() {  # C N
+  local c=$1 n=$2 a b
+  a=$(( (c * 2) % n )); [ $((a % 2)) != $((c % 2)) ] && a=$(( (a + 1) % n ))
+  b=$(( (a + 2) % n ))
+  echo "    - class: c$c"
+  echo "      nexthops: ['$(nexthop $a)', '$(nexthop $b)']"
+}
+
 # A configuration of S sub-rules (10 rules per class) over 10 policies and N
 # nexthops; each class forwards to two nexthops of its family.
 generate() {
@@ -37,13 +47,7 @@ generate() {
     echo "policy-maps:"
     for p in $(seq 0 9); do
       echo "  p$p:"
-      for c in $(seq "$p" 10 $((classes - 1))); do
-        fam=$((c % 2))
-        a=$(( (c * 2) % n )); [ $((a % 2)) != $fam ] && a=$(( (a + 1) % n ))
-        b=$(( (a + 2) % n ))
-        echo "    - class: c$c"
-        echo "      nexthops: ['$(nexthop $a)', '$(nexthop $b)']"
-      done
+      for c in $(seq "$p" 10 $((classes - 1))); do policy_class "$c" "$n"; done
     done
     echo "interfaces:"
     for p in $(seq 0 9); do echo "  in$p: p$p"; done
@@ -54,7 +58,7 @@ generate() {
 # classes alternating) over N nexthops, applied to one interface; each class
 # forwards to two nexthops of its family.
 generate_one_policy() {  # S N C FILE
-  local s=$1 n=$2 classes=$3 per=$(( $1 / $3 )) c r fam a b
+  local s=$1 n=$2 classes=$3 per=$(( $1 / $3 )) c r fam
   {
     echo "tunables:"
     echo "  command-executor: shell"
@@ -73,13 +77,7 @@ generate_one_policy() {  # S N C FILE
     for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
     echo "policy-maps:"
     echo "  p0:"
-    for c in $(seq 0 $((classes - 1))); do
-      fam=$((c % 2))
-      a=$(( (c * 2) % n )); [ $((a % 2)) != $fam ] && a=$(( (a + 1) % n ))
-      b=$(( (a + 2) % n ))
-      echo "    - class: c$c"
-      echo "      nexthops: ['$(nexthop $a)', '$(nexthop $b)']"
-    done
+    for c in $(seq 0 $((classes - 1))); do policy_class "$c" "$n"; done
     echo "interfaces:"
     echo "  in0: p0"
   } > "$4"
