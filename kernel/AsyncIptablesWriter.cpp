@@ -7,7 +7,7 @@
 
 namespace Kernel {
 
-AsyncIptablesWriter::AsyncIptablesWriter(AclUtils::RestoreIptablesWriter& restore)
+AsyncIptablesWriter::AsyncIptablesWriter(AclUtils::IptablesWriter& restore)
     : restore_(restore), wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   lanes_[0].type = Acl::aclTypeIpv4;
   lanes_[1].type = Acl::aclTypeIpv6;
@@ -25,7 +25,7 @@ AsyncIptablesWriter::~AsyncIptablesWriter() {
 
 std::optional<AclUtils::IptablesWriteResult> AsyncIptablesWriter::write(Acl::AclType type,
                                                                         const std::string& text) {
-  if (type == Acl::aclTypeOther) return restore_.writeNow(type, text);
+  if (type == Acl::aclTypeOther) return writeNow(type, text);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     Lane& l = lane(type);
@@ -90,7 +90,7 @@ void AsyncIptablesWriter::run(Lane& l, const Job& job) {
   if (job.transaction) {
     MangleTransaction transaction;
     for (const auto& batch : job.batches) transaction.add(batch);
-    if (transaction.foldable() && restore_.writeNow(l.type, transaction.text()).ok) {
+    if (transaction.foldable() && writeNow(l.type, transaction.text()).ok) {
       {
         std::lock_guard<std::mutex> lock(mutex_);
         ++transactions_;
@@ -101,7 +101,12 @@ void AsyncIptablesWriter::run(Lane& l, const Job& job) {
     std::lock_guard<std::mutex> lock(mutex_);
     ++fallbacks_;
   }
-  for (const auto& batch : job.batches) post(l.type, batch, restore_.writeNow(l.type, batch));
+  for (const auto& batch : job.batches) post(l.type, batch, writeNow(l.type, batch));
+}
+
+AclUtils::IptablesWriteResult AsyncIptablesWriter::writeNow(Acl::AclType type,
+                                                           const std::string& text) {
+  return restore_.write(type, text).value_or(AclUtils::IptablesWriteResult{false, "no outcome"});
 }
 
 void AsyncIptablesWriter::post(Acl::AclType type, const std::string& text,

@@ -36,9 +36,9 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
     AclUtils::IptablesWriteResult result;
   };
 
-  // REQUIRES: `restore` outlives the writer and may be called from two
-  // threads at once.
-  explicit AsyncIptablesWriter(AclUtils::RestoreIptablesWriter& restore);
+  // REQUIRES: `restore` answers at once, outlives the writer and may be
+  // called from two threads at once.
+  explicit AsyncIptablesWriter(AclUtils::IptablesWriter& restore);
   ~AsyncIptablesWriter() override;
   AsyncIptablesWriter(const AsyncIptablesWriter&) = delete;
   AsyncIptablesWriter& operator=(const AsyncIptablesWriter&) = delete;
@@ -83,7 +83,10 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   void post(Acl::AclType type, const std::string& text, const AclUtils::IptablesWriteResult& r);
   Lane& lane(Acl::AclType type) { return type == Acl::aclTypeIpv6 ? lanes_[1] : lanes_[0]; }
 
-  AclUtils::RestoreIptablesWriter& restore_;
+  // The one place a batch is written, at once.
+  AclUtils::IptablesWriteResult writeNow(Acl::AclType type, const std::string& text);
+
+  AclUtils::IptablesWriter& restore_;
   Platform::FileDescriptor wakeup_;
   mutable std::mutex mutex_;
   std::condition_variable wake_;

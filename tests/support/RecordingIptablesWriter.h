@@ -1,8 +1,10 @@
 // An iptables writer that records every batch instead of loading it, can
 // refuse batches that contain a chosen text, and can make each batch take
-// time on the virtual clock.
+// time on the virtual clock. It may be written from two threads at once, as
+// the asynchronous writer's lanes do.
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,7 @@ class RecordingIptablesWriter : public AclUtils::IptablesWriter {
 
   std::optional<AclUtils::IptablesWriteResult> write(Acl::AclType type,
                                                      const std::string& text) override {
+    const std::lock_guard<std::mutex> lock(mutex_);
     batches.push_back({type, text});
     if (clock_ != nullptr) clock_->advance(secondsPerBatch_);
     if (!refuse_.empty() && text.find(refuse_) != std::string::npos) {
@@ -55,6 +58,7 @@ class RecordingIptablesWriter : public AclUtils::IptablesWriter {
   std::vector<Batch> batches;
 
  private:
+  std::mutex mutex_;
   std::string refuse_;
   VirtualClock* clock_ = nullptr;
   double secondsPerBatch_ = 0.0;

@@ -1,0 +1,104 @@
+// The asynchronous writer: each family's batches in their order, a held
+// start written as one transaction per family, and a refused transaction
+// written again batch by batch so that the refused batch is the one
+// reported.
+#include "kernel/AsyncIptablesWriter.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <chrono>
+#include <thread>
+
+#include "tests/support/RecordingIptablesWriter.h"
+
+namespace waymark::test {
+namespace {
+
+using Outcome = Kernel::AsyncIptablesWriter::Outcome;
+
+std::string framed(const std::string& lines) { return "*mangle\n" + lines + "COMMIT\n"; }
+
+const std::string kSetUp = framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-I PREROUTING -j TAMBRO_PBR_INTF\n");
+
+class AsyncIptablesWriterTest : public ::testing::Test {
+ protected:
+  // The outcomes of `count` batches, as the loop takes them when the
+  // writer's descriptor turns readable; fails after 30 s.
+  std::vector<Outcome> outcomes(size_t count) {
+    std::vector<Outcome> out;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (out.size() < count && std::chrono::steady_clock::now() < deadline) {
+      pollfd p{writer.fd(), POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      for (auto& o : writer.takeOutcomes()) out.push_back(std::move(o));
+    }
+    EXPECT_EQ(out.size(), count) << "outcomes awaited for 30 s";
+    return out;
+  }
+  std::vector<std::string> texts(Acl::AclType type) {
+    std::vector<std::string> out;
+    for (const auto& b : recorder.batches) {
+      if (b.type == type) out.push_back(b.text);
+    }
+    return out;
+  }
+
+  RecordingIptablesWriter recorder;
+  Kernel::AsyncIptablesWriter writer{recorder};
+};
+
+TEST_F(AsyncIptablesWriterTest, EachFamilysBatchesArriveInOrderAndComeBackAsOutcomes) {
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_FALSE(writer.write(Acl::aclTypeIpv4, framed("-A X " + std::to_string(i) + "\n")));
+    EXPECT_FALSE(writer.write(Acl::aclTypeIpv6, framed("-A Y " + std::to_string(i) + "\n")));
+  }
+  const auto got = outcomes(40);
+  std::vector<std::string> v4;
+  for (const auto& o : got) {
+    EXPECT_TRUE(o.result.ok);
+    if (o.type == Acl::aclTypeIpv4) v4.push_back(o.text);
+  }
+  EXPECT_EQ(v4, texts(Acl::aclTypeIpv4));
+  EXPECT_EQ(v4.back(), framed("-A X 19\n"));
+  EXPECT_TRUE(writer.idle());
+}
+
+TEST_F(AsyncIptablesWriterTest, AHeldStartIsOneTransactionPerFamily) {
+  writer.hold();
+  writer.write(Acl::aclTypeIpv4, kSetUp);
+  writer.write(Acl::aclTypeIpv6, kSetUp);
+  writer.write(Acl::aclTypeIpv4, framed("-N PBR_1_p\n-A PBR_1_p -p tcp\n"));
+  writer.write(Acl::aclTypeIpv4, framed("-R PBR_1_p 1 -p tcp -j MARK --set-mark 0x2\n"));
+  EXPECT_FALSE(writer.idle());
+  EXPECT_TRUE(recorder.batches.empty());
+  writer.commit();
+  const auto got = outcomes(4);
+  for (const auto& o : got) EXPECT_TRUE(o.result.ok);
+  EXPECT_EQ(texts(Acl::aclTypeIpv4),
+            std::vector<std::string>{framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-N PBR_1_p\n"
+                                            "-A PREROUTING -j TAMBRO_PBR_INTF\n"
+                                            "-A PBR_1_p -p tcp -j MARK --set-mark 0x2\n")});
+  EXPECT_EQ(texts(Acl::aclTypeIpv6).size(), 1u);
+  EXPECT_EQ(writer.transactions(), 2u);
+}
+
+TEST_F(AsyncIptablesWriterTest, ARefusedTransactionIsWrittenBatchByBatch) {
+  recorder.refuseIs("-A PBR_1_p -p bogus");
+  writer.hold();
+  writer.write(Acl::aclTypeIpv4, kSetUp);
+  writer.write(Acl::aclTypeIpv4, framed("-N PBR_1_p\n-A PBR_1_p -p bogus\n"));
+  writer.write(Acl::aclTypeIpv4, framed("-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_p\n"));
+  writer.commit();
+  const auto got = outcomes(3);
+  EXPECT_TRUE(got[0].result.ok);
+  EXPECT_FALSE(got[1].result.ok);
+  EXPECT_EQ(got[1].text, framed("-N PBR_1_p\n-A PBR_1_p -p bogus\n"));
+  EXPECT_TRUE(got[2].result.ok);
+  EXPECT_EQ(writer.transactionFallbacks(), 1u);
+  // The transaction, then the three batches again.
+  EXPECT_EQ(texts(Acl::aclTypeIpv4).size(), 4u);
+}
+
+}  // namespace
+}  // namespace waymark::test
