@@ -60,7 +60,7 @@ void RoutingEvents::handle(const Handlers& handlers) {
       }
       break;  // EAGAIN: nothing more now
     }
-    int n = static_cast<int>(got);
+    ssize_t n = got;
     for (auto* m = reinterpret_cast<nlmsghdr*>(buffer.data()); NLMSG_OK(m, n);
          m = NLMSG_NEXT(m, n)) {
       if (m->nlmsg_type == RTM_NEWRULE) {
