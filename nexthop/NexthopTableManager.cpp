@@ -77,13 +77,11 @@ uint32_t NexthopTableManager::nexthopInc(const IpGenAddr& addr, uint32_t delta) 
 }
 
 void NexthopTableManager::nexthopIs(const IpGenAddr& addr, uint32_t count) {
-  nexthop_.valueIs(addr, count);
-  handleNexthop(addr);
+  if (nexthop_.valueIs(addr, count)) handleNexthop(addr);
 }
 
 void NexthopTableManager::nexthopDel(const IpGenAddr& addr) {
-  nexthop_.del(addr);
-  handleNexthop(addr);
+  if (nexthop_.del(addr)) handleNexthop(addr);
 }
 
 void NexthopTableManager::programmedIs(const IpGenAddr& addr, bool programmed) {
@@ -180,9 +178,18 @@ void NexthopTableManager::createNexthop(const IpGenAddr& addr) {
   addrForRouteTableIs(*table, addr);
 }
 
+// An IPv6 match of ::/0 is the null prefix, no connected subnet: an address
+// with a /0 mask must not make every IPv6 nexthop connected. IPv4's
+// 0.0.0.0/0 is a match like any other.
+std::optional<Velnet::Ip6Prefix> NexthopTableManager::subnet6(const Velnet::Ip6Addr& a) {
+  const auto subnet = trie6Is()->longestMatch(Velnet::Ip6Prefix(a, 128));
+  if (!subnet || subnet->maskLen() == 0) return std::nullopt;
+  return subnet;
+}
+
 bool NexthopTableManager::enterSubnet(const IpGenAddr& addr) {
   if (addr.isV6()) {
-    const auto subnet = trie6Is()->longestMatch(Velnet::Ip6Prefix(addr.v6(), 128));
+    const auto subnet = subnet6(addr.v6());
     if (!subnet) {
       nexthop6WithoutSubnetIs(addr.v6(), true);
       return false;
@@ -201,7 +208,7 @@ bool NexthopTableManager::enterSubnet(const IpGenAddr& addr) {
 
 void NexthopTableManager::leaveSubnet(const IpGenAddr& addr) {
   if (addr.isV6()) {
-    const auto subnet = trie6Is()->longestMatch(Velnet::Ip6Prefix(addr.v6(), 128));
+    const auto subnet = subnet6(addr.v6());
     if (!subnet) return;
     if (const auto collection = nexthopsForSubnet6(*subnet)) collection->addrDel(addr.v6());
     return;

@@ -85,7 +85,8 @@ class NexthopTableManager : public Vix::Entity {
                       const Vix::Ptr<const Ip6::Status>& ip6Status);
   ~NexthopTableManager() override;
 
-  // Reference counts: how many class selections use a nexthop.
+  // Reference counts: how many class selections use a nexthop. The mutators
+  // react (handleNexthop) only when they change something.
   uint32_t nexthop(const IpGenAddr& addr) const { return nexthop_.value(addr, 0); }
   // Adds `delta` (a decrement is passed as its two's complement) and returns
   // the new count; creates the entry at 0 first when missing.
@@ -338,6 +339,8 @@ class NexthopTableManager : public Vix::Entity {
   bool enterSubnet(const IpGenAddr& addr);
   // Removes `addr` from the collection of the subnet that covers it now.
   void leaveSubnet(const IpGenAddr& addr);
+  // The connected IPv6 subnet of `a`, if any.
+  std::optional<Velnet::Ip6Prefix> subnet6(const Velnet::Ip6Addr& a);
   void withoutSubnetIs(const IpGenAddr& addr);
   void withoutSubnetDel(const IpGenAddr& addr);
 

@@ -87,6 +87,9 @@ std::optional<uint8_t> protocol(Words& w) {
   }
   const auto n = number(word, 255);
   if (!n) w.fail("unknown protocol " + Vix::quoted(word));
+  // iptables reads "-p 0" as every protocol: "permit 0 any any" would
+  // quietly match everything.
+  if (*n == 0) w.fail("protocol 0 (iptables takes it for every protocol; say ip or ipv6)");
   // By number as by name: ICMP belongs in IPv4 lists and ICMPv6 in IPv6 ones
   // (the rule's text names them, and must read back).
   const auto p = static_cast<uint8_t>(*n);

@@ -104,7 +104,7 @@ void IptablesManager::writeIptablesRules(const std::string& text, const Ip::VrfN
 
 void IptablesManager::outcomeIs(const IptablesWriteResult& result, const std::string& text) {
   if (!result.ok) {
-    failed(result.error, text);
+    failed(result.error, result.failedText.empty() ? text : result.failedText);
     return;
   }
   ++batchesWritten_;
@@ -171,7 +171,7 @@ IptablesWriteResult RestoreIptablesWriter::writeNow(Acl::AclType type, const std
     if (r.ok()) continue;
     std::string error = tool + " " + r.describe(timeLimit_);
     if (!r.output.empty()) error += ": " + r.output;
-    return {false, error};
+    return {false, error, part};
   }
   return {};
 }

@@ -33,6 +33,9 @@ enum RuleMatchTarget : uint8_t { ruleMatchOnly = 0 };
 struct IptablesWriteResult {
   bool ok = true;
   std::string error;  // what the tool said, when it failed
+  // The text the tool's line numbers refer to, when that is not the whole
+  // batch (a batch run as several restores fails in one of them).
+  std::string failedText;
 };
 
 // Writes one framed batch: its outcome at once, or nothing when the outcome

@@ -162,5 +162,22 @@ TEST_F(IptablesKernel, ARefusedBatchIsRecordedWithItsLineAndTheQueueGoesOn) {
   EXPECT_NE(std::find(back.begin(), back.end(), "-N GOOD_2"), back.end());
 }
 
+TEST_F(IptablesKernel, ABatchRunAsSeveralRestoresIsReportedOnceWithTheLineThatFailed) {
+  World& w = *world_;
+  const auto v4 = w.helper->aclTypeData(matchIpv4);
+  // The replacement of a rule appended in the same batch is run as a second
+  // restore; its third line is the one the kernel refuses.
+  v4->enqueueRule(
+      "-N SPLIT_1\n-A SPLIT_1 -p tcp\n-R SPLIT_1 1 -p udp\n-A SPLIT_1 -p icmp\n"
+      "-A NO_SUCH_CHAIN -j ACCEPT\n");
+  w.drained();
+  const auto& iptables = *v4->iptablesManager();
+  EXPECT_EQ(iptables.batchesFailed(), 1u);
+  EXPECT_EQ(iptables.batchesWritten(), 1u);  // the set-up
+  EXPECT_NE(iptables.lastError().find("[failing line: -A NO_SUCH_CHAIN -j ACCEPT]"),
+            std::string::npos)
+      << iptables.lastError();
+}
+
 }  // namespace
 }  // namespace waymark::test

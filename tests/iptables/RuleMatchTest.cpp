@@ -91,6 +91,9 @@ TEST(RuleMatchTest, BadRulesAreRejectedNamingTheOffendingWord) {
   // read back.
   EXPECT_EQ(error("permit 1 any any", true), "protocol '1' in an IPv6 access list");
   EXPECT_EQ(error("permit 58 any any"), "protocol '58' in an IPv4 access list");
+  // iptables reads -p 0 as every protocol.
+  EXPECT_EQ(error("permit 0 any any"),
+            "protocol 0 (iptables takes it for every protocol; say ip or ipv6)");
   EXPECT_EQ(error("permit ip any any eq 80"),
             "ports ('eq') are only allowed with tcp, udp or sctp");
   EXPECT_EQ(error("permit udp any any syn"),

@@ -29,6 +29,20 @@ class DeferredProgramming : public NexthopTableManagerTest {
   }
 };
 
+TEST_F(DeferredProgramming, SettingACountItAlreadyHasOrDeletingNoneQueuesNothing) {
+  // A refused nexthop is not retried until something changes.
+  runner.statusIs("ip route add", exitStatus(2));
+  manager->nexthopIs(addr("192.0.2.1"), 1);
+  runUntilIdle();
+  ASSERT_FALSE(manager->programmed(addr("192.0.2.1")));
+  ASSERT_EQ(manager->pendingNexthop(addr("192.0.2.1")), Pbr::pendingNone);
+  manager->nexthopIs(addr("192.0.2.1"), 1);
+  EXPECT_EQ(manager->pendingNexthop(addr("192.0.2.1")), Pbr::pendingNone);
+  traces.clear();
+  manager->nexthopDel(addr("192.0.2.9"));
+  EXPECT_TRUE(traces.texts(8).empty());
+}
+
 TEST_F(DeferredProgramming, ABurstOfReferencesArmsTheClockOnceAndProgramsNothingYet) {
   manager->nexthopInc(addr("192.0.2.1"), 1);
   EXPECT_EQ(manager->pendingNexthop(addr("192.0.2.1")), pendingAdd);

@@ -221,5 +221,17 @@ TEST_F(SubnetTracking, ANexthopFollowsItsSubnetThroughTheLoop) {
   EXPECT_EQ(manager->fwmark(nh), 3u);
 }
 
+TEST_F(SubnetTracking, AnIPv6DefaultPrefixConnectsNoNexthopButIPv4sDoes) {
+  connected("::/0");
+  connected("0.0.0.0/0");
+  use("2001:db8::1");
+  use("192.0.2.1");
+  EXPECT_FALSE(manager->programmed(addr("2001:db8::1")));
+  EXPECT_TRUE(manager->nexthop6WithoutSubnet(addr("2001:db8::1").v6()));
+  EXPECT_TRUE(manager->programmed(addr("192.0.2.1")));
+  // Deleting finds no ::/0 collection to leave either.
+  EXPECT_EQ(manager->nexthopsForSubnet6(Velnet::Ip6Prefix::parse("::/0")), nullptr);
+}
+
 }  // namespace
 }  // namespace waymark::test

@@ -26,7 +26,7 @@ class RecordingIptablesWriter : public AclUtils::IptablesWriter {
     batches.push_back({type, text});
     if (clock_ != nullptr) clock_->advance(secondsPerBatch_);
     if (!refuse_.empty() && text.find(refuse_) != std::string::npos) {
-      return AclUtils::IptablesWriteResult{false, "iptables-restore: line 2 failed"};
+      return AclUtils::IptablesWriteResult{false, "iptables-restore: line 2 failed", ""};
     }
     return AclUtils::IptablesWriteResult{};
   }
