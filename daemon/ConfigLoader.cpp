@@ -63,36 +63,11 @@ class Reader {
     if (v == "false") return false;
     fail(n, what + " must be true or false, not " + Vix::quoted(v));
   }
-  double seconds(const YamlNode& n, const std::string& what) const {
-    const std::string v = scalar(n, what);
-    char* end = nullptr;
-    const double d = std::strtod(v.c_str(), &end);
-    if (v.empty() || *end != '\0' || !std::isfinite(d) || d < 0 || d > 3600) {
-      fail(n, what + " must be a number of seconds from 0 to 3600, not " + Vix::quoted(v));
-    }
-    return d;
-  }
-  CommandExecutor executor(const YamlNode& n, const std::string& what) const {
-    const std::string v = scalar(n, what);
-    if (v == "shell") return CommandExecutor::shell;
-    if (v == "netlink") return CommandExecutor::netlink;
-    fail(n, what + " must be shell or netlink, not " + Vix::quoted(v));
-  }
   MangleTable mangleTable(const YamlNode& n) const {
     const std::string v = scalar(n, "mangle-table");
     if (v == "refuse-if-foreign") return MangleTable::refuseIfForeign;
     if (v == "take-over") return MangleTable::takeOver;
     fail(n, "mangle-table must be refuse-if-foreign or take-over, not " + Vix::quoted(v));
-  }
-  uint32_t count(const YamlNode& n, const std::string& what, uint32_t low, uint32_t high) const {
-    const std::string v = scalar(n, what);
-    char* end = nullptr;
-    const unsigned long c = std::strtoul(v.c_str(), &end, 10);
-    if (v.empty() || *end != '\0' || v[0] == '-' || c < low || c > high) {
-      fail(n, what + " must be a whole number from " + std::to_string(low) + " to " +
-                  std::to_string(high) + ", not " + Vix::quoted(v));
-    }
-    return static_cast<uint32_t>(c);
   }
 
  private:
@@ -100,15 +75,12 @@ class Reader {
 };
 
 void readTunables(Reader& r, const YamlNode& node, Tunables& t) {
+  const auto& names = Tunables::names();
   for (const auto& [key, value] :
-       r.entries(node, "tunables",
-                 {"nexthop-programming-time-limit", "rules-per-invocation",
-                  "rule-programming-time-limit", "command-executor"})) {
+       r.entries(node, "tunables", std::set<std::string>(names.begin(), names.end()))) {
     const std::string k = key.scalar();
-    if (k == "nexthop-programming-time-limit") t.nexthopProgrammingTimeLimit = r.seconds(value, k);
-    if (k == "rule-programming-time-limit") t.ruleProgrammingTimeLimit = r.seconds(value, k);
-    if (k == "rules-per-invocation") t.rulesPerInvocation = r.count(value, k, 1, 100000);
-    if (k == "command-executor") t.commandExecutor = r.executor(value, k);
+    const std::string error = t.assign(k, r.scalar(value, k));
+    if (!error.empty()) r.fail(value, error);
   }
 }
 

@@ -9,27 +9,16 @@
 #include <string>
 #include <vector>
 
+#include "daemon/Tunables.h"
 #include "platform/AclRuleConfig.h"
 #include "platform/IntfId.h"
 #include "platform/IpGenAddr.h"
 
 namespace Waymark {
 
-// How routing commands reach the kernel: each as an `ip` process through the
-// shell, or carried out in-process as rtnetlink requests.
-enum class CommandExecutor { shell, netlink };
-
 // What to do at start when the mangle table holds rules or chains that
 // waymark did not write: refuse to start, or flush them with the table.
 enum class MangleTable { refuseIfForeign, takeOver };
-
-struct Tunables {
-  double nexthopProgrammingTimeLimit = 0.5;
-  uint32_t rulesPerInvocation = 300;
-  double ruleProgrammingTimeLimit = 0.5;
-  CommandExecutor commandExecutor = CommandExecutor::shell;
-  bool operator==(const Tunables&) const = default;
-};
 
 struct AccessListSpec {
   bool ipv6 = false;

@@ -480,21 +480,8 @@ void Daemon::applyTunables(const Tunables& t) {
 
 std::string Daemon::setTunable(const std::string& name, const std::string& value) {
   Tunables t = model_.tunables;
-  double v = 0;
-  if (name == "nexthop-programming-time-limit" && parseNumber(value, 0, 3600, &v)) {
-    t.nexthopProgrammingTimeLimit = v;
-  } else if (name == "rule-programming-time-limit" && parseNumber(value, 0, 3600, &v)) {
-    t.ruleProgrammingTimeLimit = v;
-  } else if (name == "rules-per-invocation" && parseNumber(value, 1, 100000, &v) &&
-             v == std::floor(v)) {
-    t.rulesPerInvocation = static_cast<uint32_t>(v);
-  } else if (name == "command-executor" && (value == "shell" || value == "netlink")) {
-    t.commandExecutor = value == "shell" ? CommandExecutor::shell : CommandExecutor::netlink;
-  } else {
-    return "unknown tunable or value out of range: " + name + " " + value +
-           " (nexthop-programming-time-limit and rule-programming-time-limit take 0 to 3600 "
-           "seconds, rules-per-invocation 1 to 100000, command-executor shell or netlink)";
-  }
+  const std::string error = t.assign(name, value);
+  if (!error.empty()) return error;
   model_.tunables = t;
   applyTunables(t);
   return "";

@@ -106,7 +106,8 @@ void AsyncIptablesWriter::run(Lane& l, const Job& job) {
 
 AclUtils::IptablesWriteResult AsyncIptablesWriter::writeNow(Acl::AclType type,
                                                             const std::string& text) {
-  return restore_.write(type, text).value_or(AclUtils::IptablesWriteResult{false, "no outcome", ""});
+  return restore_.write(type, text)
+      .value_or(AclUtils::IptablesWriteResult{false, "no outcome", ""});
 }
 
 void AsyncIptablesWriter::post(Acl::AclType type, const std::string& text,

@@ -63,11 +63,14 @@ Pbr::CommandOutcome JournaledCommandRunner::addRoute(const Pbr::RoutingRequest& 
   journal_.tableHeld(tableOf(request));
   if (keptTable(request)) {
     keptTables_.erase(tableOf(request));
-    const int result = routing_.replaceRoute(request.nexthop, request.table);
-    if (result == 0) return Pbr::CommandOutcome::exited(0);
+    return Pbr::CommandOutcome::exited(
+        routing_.replaceRoute(request.nexthop, request.table) == 0 ? 0 : 2);
   }
   const auto outcome = next_->run(request);
-  if (!outcome.succeeded()) journal_.tableReleased(tableOf(request));
+  // A table is forgotten only once the kernel holds no route in it.
+  if (!outcome.succeeded() && !routing_.hasRoutes(tableOf(request))) {
+    journal_.tableReleased(tableOf(request));
+  }
   return outcome;
 }
 

@@ -106,7 +106,12 @@ bool KernelRouting::hasRule(const PolicyRule& rule) {
   return std::find(all.begin(), all.end(), rule) != all.end();
 }
 
-std::vector<std::vector<char>> KernelRouting::routes(bool v6, uint32_t table) {
+bool KernelRouting::hasRoutes(const RouteTableId& table) {
+  int result = 0;
+  return !routes(table.v6, table.table, &result).empty() || result != 0;
+}
+
+std::vector<std::vector<char>> KernelRouting::routes(bool v6, uint32_t table, int* result) {
   RtnetlinkMessage m(RTM_GETROUTE, 0, sizeof(rtmsg));
   m.body<rtmsg>()->rtm_family = family(v6);
   // The socket checks dumps strictly, so the kernel sends only this table.
@@ -115,7 +120,7 @@ std::vector<std::vector<char>> KernelRouting::routes(bool v6, uint32_t table) {
     m.addU32(RTA_TABLE, table);
   }
   std::vector<std::vector<char>> out;
-  socket_.dump(m.header(), [&](const nlmsghdr& reply) {
+  *result = socket_.dump(m.header(), [&](const nlmsghdr& reply) {
     if (reply.nlmsg_type != RTM_NEWROUTE) return;
     const auto* r = static_cast<const rtmsg*>(NLMSG_DATA(&reply));
     // Routes the kernel made for its own use (clones, caches) are not
@@ -131,7 +136,8 @@ std::vector<std::vector<char>> KernelRouting::routes(bool v6, uint32_t table) {
 
 std::map<uint32_t, uint32_t> KernelRouting::routeTables(bool v6) {
   std::map<uint32_t, uint32_t> out;
-  for (const auto& route : routes(v6, 0)) {
+  int result = 0;
+  for (const auto& route : routes(v6, 0, &result)) {
     const auto& m = *reinterpret_cast<const nlmsghdr*>(route.data());
     ++out[u32(attributes<rtmsg>(m), RTA_TABLE,
               static_cast<const rtmsg*>(NLMSG_DATA(&m))->rtm_table)];
@@ -141,15 +147,18 @@ std::map<uint32_t, uint32_t> KernelRouting::routeTables(bool v6) {
 
 int KernelRouting::flushTable(bool v6, uint32_t table) {
   int removed = 0;
+  int result = 0;
+  auto found = routes(v6, table, &result);
+  if (result != 0) return result;
   // Each route goes back to the kernel as it came, as a delete: the kernel
   // then finds exactly that route, whatever its attributes.
-  for (auto& route : routes(v6, table)) {
+  for (auto& route : found) {
     auto* m = reinterpret_cast<nlmsghdr*>(route.data());
     m->nlmsg_type = RTM_DELROUTE;
     m->nlmsg_flags = NLM_F_REQUEST;
-    const int result = socket_.request(m);
-    if (result == 0) ++removed;
-    if (result != 0 && result != -ESRCH) return result;
+    const int deleted = socket_.request(m);
+    if (deleted == 0) ++removed;
+    if (deleted != 0 && deleted != -ESRCH) return deleted;
   }
   return removed;
 }

@@ -55,8 +55,8 @@ class KernelRouting {
   std::vector<PolicyRule> rules(bool v6);
   // Whether the kernel holds exactly this rule.
   bool hasRule(const PolicyRule& rule);
-  // Whether the table holds any route.
-  bool hasRoutes(const RouteTableId& table) { return !routes(table.v6, table.table).empty(); }
+  // Whether the table holds any route (also when it cannot be read).
+  bool hasRoutes(const RouteTableId& table);
   // Each table of the family that holds routes, with how many.
   std::map<uint32_t, uint32_t> routeTables(bool v6);
 
@@ -66,8 +66,8 @@ class KernelRouting {
   int changeRule(uint16_t type, uint16_t flags, const PolicyRule& rule);
   int newRoute(uint16_t flags, const Velnet::IpGenAddr& via, uint32_t table);
   // The routes of one table (every table when `table` is 0), each as the
-  // kernel sent it.
-  std::vector<std::vector<char>> routes(bool v6, uint32_t table);
+  // kernel sent it; `result` is the dump's 0 or -errno.
+  std::vector<std::vector<char>> routes(bool v6, uint32_t table, int* result);
 
   RtnetlinkSocket socket_;
 };

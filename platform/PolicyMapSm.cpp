@@ -52,10 +52,29 @@ PolicyMapSm::PolicyMapSm(const Vix::Ptr<GlobalCommonData>& globalCommonData,
 
 PolicyMapSm::~PolicyMapSm() = default;
 
+namespace {
+
+// Marks the policy busy for the scope's life: requests that its own work
+// causes (a class choosing its nexthop while it is created) are ignored, and
+// the mark goes also when that work throws.
+class BusyScope {
+ public:
+  explicit BusyScope(bool& busy) : busy_(busy) { busy_ = true; }
+  ~BusyScope() { busy_ = false; }
+  BusyScope(const BusyScope&) = delete;
+  BusyScope& operator=(const BusyScope&) = delete;
+
+ private:
+  bool& busy_;
+};
+
+}  // namespace
+
 void PolicyMapSm::start() {
-  busy_ = true;
-  createClasses();
-  busy_ = false;
+  {
+    const BusyScope busy(busy_);
+    createClasses();
+  }
   program(false);
 }
 
@@ -77,7 +96,15 @@ void PolicyMapSm::dropClasses(std::vector<Vix::Ptr<ClassMapSm>> classes) {
 }
 
 void PolicyMapSm::program(bool rebuild) {
-  busy_ = true;
+  std::string result;
+  {
+    const BusyScope busy(busy_);
+    result = programFamilies(rebuild);
+  }
+  writeStatus(result);
+}
+
+std::string PolicyMapSm::programFamilies(bool rebuild) {
   PolicyMapAclHelper& helper = *globalCommonData_->aclHelper;
   std::string result;
   for (const auto option : kFamilies) {
@@ -96,8 +123,7 @@ void PolicyMapSm::program(bool rebuild) {
     addRules(option);
     result += helper.commitPolicy(commonData_, option);
   }
-  busy_ = false;
-  writeStatus(result);
+  return result;
 }
 
 void PolicyMapSm::addRules(ClassMapMatchOption option) {
@@ -151,10 +177,11 @@ void PolicyMapSm::restructure() {
   std::vector<Vix::Ptr<ClassMapSm>> old = std::move(classes_);
   classes_.clear();
   classReactors_.clear();
-  busy_ = true;
-  createClasses();
-  dropClasses(std::move(old));
-  busy_ = false;
+  {
+    const BusyScope busy(busy_);
+    createClasses();
+    dropClasses(std::move(old));
+  }
   program(true);
 }
 
@@ -178,7 +205,7 @@ void PolicyMapSm::intfIs(const Velnet::IntfId& intf, bool applied) {
 }
 
 void PolicyMapSm::remove() {
-  busy_ = true;
+  const BusyScope busy(busy_);
   classReactors_.clear();
   dropClasses(std::move(classes_));
   classes_.clear();
@@ -186,7 +213,6 @@ void PolicyMapSm::remove() {
   for (const auto option : families_) helper.deletePolicy(commonData_, option);
   families_.clear();
   policyMapStatus_->policyDel(key().name());
-  busy_ = false;
 }
 
 bool PolicyMapSm::usesClassMap(const std::string& name) const {

@@ -74,6 +74,8 @@ class PolicyMapSm : public Vix::Entity {
   // Programs every family the classes need and deletes the others; with
   // `rebuild`, families already programmed are recreated.
   void program(bool rebuild);
+  // The framework's calls of program(), in family order; their results.
+  std::string programFamilies(bool rebuild);
   void addRules(ClassMapMatchOption option);
   void updateActions(ClassMapSm& sm);
   void rewrite();

@@ -1,25 +1,34 @@
 #include "plugin/StateDatabase.h"
 
-#include "framework/String.h"
-#include "platform/Cell.h"
 #include "platform/PlatformEntities.h"
+#include "plugin/AclPlugin.h"
 
 namespace Pbr {
 
+namespace {
+
+// The entity the agent serves for a mount of `type`: one it is handed, or a
+// new one of the kinds the plug-in mounts but does not read.
+Vix::Ptr<Vix::Entity> entityOf(const std::string& type, const MountedEntities& e) {
+  if (type == "Pbr::Config") return e.pbrConfig;
+  if (type == "PolicyMap::PolicyMapTypeStatus") return e.status;
+  if (type == "Acl::Config") return e.aclConfig;
+  if (type == "Ip::Status") return e.ipStatus;
+  if (type == "Ip6::Status") return e.ip6Status;
+  if (type == "PolicyMap::PolicyMapStatusRequestDir") {
+    return Vix::make<PolicyMap::PolicyMapStatusRequestDir>();
+  }
+  if (type == "Lag::Input::Config") return Vix::make<Lag::Input::Config>();
+  if (type == "Routing::RoutingInfo") return Vix::make<Routing::RoutingInfo>();
+  return Vix::make<Routing6::RoutingInfo>();
+}
+
+}  // namespace
+
 void fillStateDatabase(Stordb::EntityManager& store, const MountedEntities& e) {
-  store.entityIs("pbr/config", "Pbr::Config", e.pbrConfig);
-  store.entityIs("pbr/statusRequest", "PolicyMap::PolicyMapStatusRequestDir",
-                 Vix::make<PolicyMap::PolicyMapStatusRequestDir>());
-  store.entityIs(Vix::format("cell/%d/pbr/status/iptables", static_cast<int>(Cell::cellId())),
-                 "PolicyMap::PolicyMapTypeStatus", e.status);
-  store.entityIs("acl/config", "Acl::Config", e.aclConfig);
-  store.entityIs("lag/input/config/cli", "Lag::Input::Config", Vix::make<Lag::Input::Config>());
-  store.entityIs("ip/status", "Ip::Status", e.ipStatus);
-  store.entityIs("ip6/status", "Ip6::Status", e.ip6Status);
-  store.entityIs("routing/routingInfo/status", "Routing::RoutingInfo",
-                 Vix::make<Routing::RoutingInfo>());
-  store.entityIs("routing6/routingInfo/status", "Routing6::RoutingInfo",
-                 Vix::make<Routing6::RoutingInfo>());
+  for (const auto& mount : AclPlugin::mounts()) {
+    store.entityIs(mount.path, mount.type, entityOf(mount.type, e));
+  }
 }
 
 }  // namespace Pbr

@@ -98,7 +98,14 @@ restart=$TOOK
 check "the kernel steers as after a clean start" "$churned" "$(resolved_state)"
 check "a restart after churn takes at most 1.5x a clean start ($restart s against $clean s)" \
   "$(awk -v r="$restart" -v c="$clean" 'BEGIN {print (r <= 1.5 * c || r <= c + 0.25) ? "yes" : "no"}')" yes
-check "no table holds a route without a rule of a nexthop in use" "$(orphan_routes)" ""
+orphans=$(orphan_routes)
+check "no table holds a route without a rule of a nexthop in use" "$orphans" ""
+if [ -n "$orphans" ]; then
+  echo "-- what the kernel and the journal held:"
+  rules; cat "$RUN/state.json" "$RUN/state.json.journal" 2>/dev/null
+  for t in $(echo "$orphans" | awk '{print $2}'); do in_ns router ip route show table "$t"; in_ns router ip -6 route show table "$t"; done
+  tail -40 "$RUN/waymarkd.log"
+fi
 inuse=$(( $(rules | grep -c fwmark) * 2 ))
 check "the journal held no more than was in use before the restart ($held)" "$held" "$inuse"
 check "the journal holds no more than is in use after it" \
