@@ -240,6 +240,7 @@ bool Daemon::guardMangleTable(std::string* error) {
       *error = "cannot read the mangle table: " + readError;
       return false;
     }
+    existingChains_[v6 ? 1 : 0] = Kernel::MangleReadback::chains(save);
     for (const auto& line : Kernel::MangleReadback::foreign(save)) {
       foreign.push_back(std::string(v6 ? "ip6tables" : "iptables") + " -t mangle " + line);
     }
@@ -388,7 +389,7 @@ void Daemon::advanceStartup() {
   if (phase_ == StartupPhase::programmingNexthops) {
     if (gate_->startingUp() || gate_->waiting() || !StatusReport::idle(*plugin_)) return;
     phase_ = StartupPhase::writingRules;
-    asyncWriter_->commit();
+    asyncWriter_->commit(existingChains_[0], existingChains_[1]);
   }
   if (phase_ == StartupPhase::writingRules) {
     if (!asyncWriter_->idle()) return;
@@ -404,6 +405,9 @@ void Daemon::advanceStartup() {
         std::to_string(asyncWriter_->transactionFallbacks()) + " written batch by batch; " +
         std::to_string(leftoverRulesRemoved_) + " rule(s) and " +
         std::to_string(leftoverTablesRemoved_) + " table(s) of the previous run removed");
+    if (asyncWriter_->transactionFallbacks() != 0) {
+      log("a start-up transaction was refused: " + asyncWriter_->fallbackReason());
+    }
   }
 }
 

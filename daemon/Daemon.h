@@ -22,6 +22,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -126,6 +127,9 @@ class Daemon {
   ConfigModel model_;
   Kernel::StateJournal journal_;
   ForeignNumbers foreign_;
+  // The user chains of each family's mangle table (IPv4, IPv6) at start,
+  // which the start's transaction replaces.
+  std::set<std::string> existingChains_[2];
   std::unique_ptr<PreviousRun> previous_;
   StartupPhase phase_ = StartupPhase::programmingNexthops;
   Vix::Ptr<Stordb::EntityManager> store_;

@@ -33,7 +33,7 @@ std::optional<AclUtils::IptablesWriteResult> AsyncIptablesWriter::write(Acl::Acl
       l.held.push_back(text);
       return std::nullopt;
     }
-    l.jobs.push_back({{text}, false});
+    l.jobs.push_back({{text}, false, {}});
   }
   wake_.notify_all();
   return std::nullopt;
@@ -44,12 +44,14 @@ void AsyncIptablesWriter::hold() {
   holding_ = true;
 }
 
-void AsyncIptablesWriter::commit() {
+void AsyncIptablesWriter::commit(const std::set<std::string>& v4Chains,
+                                 const std::set<std::string>& v6Chains) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     holding_ = false;
     for (Lane& l : lanes_) {
-      if (!l.held.empty()) l.jobs.push_back({std::move(l.held), true});
+      const auto& chains = l.type == Acl::aclTypeIpv6 ? v6Chains : v4Chains;
+      if (!l.held.empty()) l.jobs.push_back({std::move(l.held), true, chains});
       l.held.clear();
     }
   }
@@ -90,7 +92,10 @@ void AsyncIptablesWriter::run(Lane& l, const Job& job) {
   if (job.transaction) {
     MangleTransaction transaction;
     for (const auto& batch : job.batches) transaction.add(batch);
-    if (transaction.foldable() && writeNow(l.type, transaction.text()).ok) {
+    const auto written = transaction.foldable()
+                             ? writeNow(l.type, transaction.text(job.existingChains))
+                             : AclUtils::IptablesWriteResult{false, "cannot be folded", ""};
+    if (written.ok) {
       {
         std::lock_guard<std::mutex> lock(mutex_);
         ++transactions_;
@@ -100,8 +105,14 @@ void AsyncIptablesWriter::run(Lane& l, const Job& job) {
     }
     std::lock_guard<std::mutex> lock(mutex_);
     ++fallbacks_;
+    fallbackReason_ = written.error;
   }
   for (const auto& batch : job.batches) post(l.type, batch, writeNow(l.type, batch));
+}
+
+std::string AsyncIptablesWriter::fallbackReason() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return fallbackReason_;
 }
 
 AclUtils::IptablesWriteResult AsyncIptablesWriter::writeNow(Acl::AclType type,

@@ -19,6 +19,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,8 +50,10 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
 
   // From now until commit(), batches are held, not written.
   void hold();
-  // Writes what is held as one transaction per family.
-  void commit();
+  // Writes what is held as one transaction per family, onto mangle tables
+  // that hold the user chains `v4Chains` and `v6Chains`.
+  void commit(const std::set<std::string>& v4Chains = {},
+              const std::set<std::string>& v6Chains = {});
   bool holding() const { return holding_; }
 
   // Readable when outcomes are waiting.
@@ -64,11 +67,14 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   // Transactions written whole, and those that fell back to single batches.
   uint32_t transactions() const { return transactions_; }
   uint32_t transactionFallbacks() const { return fallbacks_; }
+  // Why the last transaction was written batch by batch ("" if none was).
+  std::string fallbackReason() const;
 
  private:
   struct Job {
     std::vector<std::string> batches;
     bool transaction = false;
+    std::set<std::string> existingChains;  // of a transaction
   };
   struct Lane {
     Acl::AclType type;
@@ -96,6 +102,7 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   bool stopping_ = false;
   uint32_t transactions_ = 0;
   uint32_t fallbacks_ = 0;
+  std::string fallbackReason_;
 };
 
 }  // namespace Kernel

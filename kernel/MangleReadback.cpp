@@ -46,4 +46,15 @@ std::vector<std::string> MangleReadback::foreign(const std::string& save) {
   return out;
 }
 
+std::set<std::string> MangleReadback::chains(const std::string& save) {
+  std::set<std::string> out;
+  std::istringstream in(save);
+  for (std::string line; std::getline(in, line);) {
+    if (line.size() < 2 || line[0] != ':') continue;
+    const std::string name = line.substr(1, line.find(' ') - 1);
+    if (!builtIn(name)) out.insert(name);
+  }
+  return out;
+}
+
 }  // namespace Kernel

@@ -8,6 +8,7 @@
 // flush. Used by the daemon before that set-up.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,8 @@ class MangleReadback {
   // The lines of `save` that are not waymark's: "-A ..." rules and "-N
   // CHAIN" for each chain of another name.
   static std::vector<std::string> foreign(const std::string& save);
+  // The user chains of `save`, waymark's and others'.
+  static std::set<std::string> chains(const std::string& save);
 };
 
 }  // namespace Kernel

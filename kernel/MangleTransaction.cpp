@@ -120,9 +120,16 @@ bool MangleTransaction::replay(const std::string& line) {
   return false;
 }
 
-std::string MangleTransaction::text() const {
-  std::string out = "*mangle\n-F\n-X\n";
-  for (size_t i = kBuiltInCount; i < chains_.size(); ++i) out += "-N " + chains_[i].first + "\n";
+std::string MangleTransaction::text(const std::set<std::string>& existing) const {
+  std::string out = "*mangle\n-F\n";
+  std::set<std::string> wanted;
+  for (size_t i = kBuiltInCount; i < chains_.size(); ++i) wanted.insert(chains_[i].first);
+  for (const auto& name : existing) {
+    if (wanted.count(name) == 0) out += "-X " + name + "\n";
+  }
+  for (size_t i = kBuiltInCount; i < chains_.size(); ++i) {
+    if (existing.count(chains_[i].first) == 0) out += "-N " + chains_[i].first + "\n";
+  }
   for (const auto& [name, rules] : chains_) {
     for (const auto& rule : rules) out += "-A " + name + " " + rule + "\n";
   }

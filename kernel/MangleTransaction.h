@@ -17,6 +17,7 @@
 // one by one, where iptables reports the line it refused.
 #pragma once
 
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,8 +31,9 @@ class MangleTransaction {
   bool add(const std::string& batch);
 
   bool foldable() const { return foldable_; }
-  // The one framed transaction. REQUIRES: foldable().
-  std::string text() const;
+  // The one framed transaction onto a mangle table that holds the user
+  // chains `existing`. REQUIRES: foldable().
+  std::string text(const std::set<std::string>& existing) const;
 
  private:
   using Chain = std::pair<std::string, std::vector<std::string>>;

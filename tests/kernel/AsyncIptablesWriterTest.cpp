@@ -76,7 +76,7 @@ TEST_F(AsyncIptablesWriterTest, AHeldStartIsOneTransactionPerFamily) {
   const auto got = outcomes(4);
   for (const auto& o : got) EXPECT_TRUE(o.result.ok);
   EXPECT_EQ(texts(Acl::aclTypeIpv4),
-            std::vector<std::string>{framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-N PBR_1_p\n"
+            std::vector<std::string>{framed("-F\n-N TAMBRO_PBR_INTF\n-N PBR_1_p\n"
                                             "-A PREROUTING -j TAMBRO_PBR_INTF\n"
                                             "-A PBR_1_p -p tcp -j MARK --set-mark 0x2\n")});
   EXPECT_EQ(texts(Acl::aclTypeIpv6).size(), 1u);

@@ -28,6 +28,12 @@ TEST(MangleReadbackTest, OnlyWhatWaymarkDidNotWriteIsForeign) {
                 "-A OPERATOR -j DSCP --set-dscp 0x2e"}));
 }
 
+TEST(MangleReadbackTest, UserChainsAreReadOutOfTheSave) {
+  EXPECT_EQ(Kernel::MangleReadback::chains("*mangle\n:PREROUTING ACCEPT [0:0]\n:OPERATOR - [0:0]\n"
+                                           ":PBR_1_p - [0:0]\n-A PBR_1_p -p tcp\nCOMMIT\n"),
+            (std::set<std::string>{"OPERATOR", "PBR_1_p"}));
+}
+
 TEST(MangleReadbackTest, AnEmptyTableOrWaymarksAloneHasNothingForeign) {
   EXPECT_TRUE(
       Kernel::MangleReadback::foreign("*mangle\n:PREROUTING ACCEPT [0:0]\nCOMMIT\n").empty());

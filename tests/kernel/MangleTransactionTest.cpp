@@ -22,11 +22,19 @@ TEST(MangleTransactionTest, TheDispatchSetUpAndAPolicyBecomeOneFlushAndTheirChai
   ASSERT_TRUE(t.add(framed("-N PBR_1_edge\n-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n")));
   ASSERT_TRUE(t.add(
       framed("-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n-A PBR_1_edge -p tcp -j ACCEPT\n")));
-  EXPECT_EQ(t.text(), framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-N PBR_1_edge\n"
-                             "-A PREROUTING -j TAMBRO_PBR_INTF\n"
-                             "-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n"
-                             "-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n"
-                             "-A PBR_1_edge -p tcp -j ACCEPT\n"));
+  EXPECT_EQ(t.text({}), framed("-F\n-N TAMBRO_PBR_INTF\n-N PBR_1_edge\n"
+                               "-A PREROUTING -j TAMBRO_PBR_INTF\n"
+                               "-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n"
+                               "-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n"
+                               "-A PBR_1_edge -p tcp -j ACCEPT\n"));
+  // Onto a table an earlier run left: its chains are kept, not deleted and
+  // made again, and what is not wanted any more goes.
+  EXPECT_EQ(t.text({"TAMBRO_PBR_INTF", "PBR_1_edge", "PBR_2_old"}),
+            framed("-F\n-X PBR_2_old\n"
+                   "-A PREROUTING -j TAMBRO_PBR_INTF\n"
+                   "-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n"
+                   "-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n"
+                   "-A PBR_1_edge -p tcp -j ACCEPT\n"));
 }
 
 TEST(MangleTransactionTest, ReplacedDeletedAndRebuiltRulesLeaveOnlyTheirLastState) {
@@ -41,12 +49,12 @@ TEST(MangleTransactionTest, ReplacedDeletedAndRebuiltRulesLeaveOnlyTheirLastStat
              "-D TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n-N PBR_2_old\n-X PBR_2_old\n"
              "-I TAMBRO_PBR_INTF 1 -i eth3 -j PBR_1_edge\n"));
   ASSERT_TRUE(t.foldable());
-  EXPECT_EQ(t.text(), framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-N PBR_1_edge\n"
-                             "-A PREROUTING -j TAMBRO_PBR_INTF\n"
-                             "-A TAMBRO_PBR_INTF -i eth3 -j PBR_1_edge\n"
-                             "-A TAMBRO_PBR_INTF -i eth2 -j PBR_1_edge\n"
-                             "-A PBR_1_edge -p udp -j MARK --set-mark 0x3\n"
-                             "-A PBR_1_edge -p udp -j ACCEPT\n"));
+  EXPECT_EQ(t.text({}), framed("-F\n-N TAMBRO_PBR_INTF\n-N PBR_1_edge\n"
+                               "-A PREROUTING -j TAMBRO_PBR_INTF\n"
+                               "-A TAMBRO_PBR_INTF -i eth3 -j PBR_1_edge\n"
+                               "-A TAMBRO_PBR_INTF -i eth2 -j PBR_1_edge\n"
+                               "-A PBR_1_edge -p udp -j MARK --set-mark 0x3\n"
+                               "-A PBR_1_edge -p udp -j ACCEPT\n"));
 }
 
 TEST(MangleTransactionTest, WhatCannotBeReplayedIsNotFolded) {

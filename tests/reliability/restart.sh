@@ -69,6 +69,9 @@ run() {  # EXECUTOR SIGNAL
   check "$executor, $signal: the journal holds no more than is in the kernel" \
     "$(lab_ctl status --json | tr -d ' \n' | grep -o '"numbersHeld":[0-9]*' | cut -d: -f2)" \
     "$(( $(rules | grep -c fwmark) * 2 ))"
+  if [ "$diverted" -gt "$allowed" ]; then
+    echo "-- the restarted daemon's log:"; tail -20 "$RUN/waymarkd.log"
+  fi
   echo "restart: $executor, SIG$signal: $(cat "$RUN/sent") datagrams sent, $diverted went another way ($to_nh1 to nh1, $to_dflt to the default route; one sequence: $per)"
   lab_stop_daemon
   ip netns exec "$LAB-router" "$WAYMARKD" --cleanup --state "$RUN/state.json" >/dev/null 2>&1
