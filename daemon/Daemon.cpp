@@ -268,7 +268,7 @@ void Daemon::readKernel() {
     for (const auto& [table, routes] : routing_->routeTables(v6)) tables.push_back({v6, table});
   }
   foreign_ = ForeignNumbers::of(rules, tables, journal_);
-  previous_ = std::make_unique<PreviousRun>(journal_);
+  previous_ = std::make_unique<PreviousRun>(journal_, rules);
 }
 
 void Daemon::createRunners() {

@@ -11,7 +11,9 @@ const Velnet::IpGenAddr kPrevious{Velnet::IpAddr()};
 
 }  // namespace
 
-PreviousRun::PreviousRun(const Kernel::StateJournal& journal) : tables_(journal.tables()) {
+PreviousRun::PreviousRun(const Kernel::StateJournal& journal,
+                         const std::vector<Kernel::PolicyRule>& kernelRules)
+    : inKernel_(kernelRules.begin(), kernelRules.end()) {
   for (const auto& rule : journal.rules()) rules_.emplace_back(rule, journal.nexthopOf(rule));
 }
 
@@ -40,20 +42,16 @@ bool PreviousRun::adopt(Pbr::NexthopTableManager& m, const Velnet::IpGenAddr& ne
 
 void PreviousRun::adoptInto(Pbr::NexthopTableManager& m,
                             const std::vector<Velnet::IpGenAddr>& wanted) {
-  std::set<uint32_t> adoptedTables;
   for (const auto& [rule, nexthop] : rules_) {
     const bool isWanted = std::find(wanted.begin(), wanted.end(), nexthop) != wanted.end();
     if (isWanted && adopt(m, nexthop, rule)) {
       adopted_.emplace_back(rule, nexthop);
-      adoptedTables.insert(rule.table);
       continue;
     }
+    if (inKernel_.count(rule) == 0) continue;
     heldBack_.priorities.insert(rule.priority);
     heldBack_.marks.insert(rule.mark);
     heldBack_.tables.insert(rule.table);
-  }
-  for (const auto& t : tables_) {
-    if (adoptedTables.count(t.table) == 0) heldBack_.tables.insert(t.table);
   }
   for (const uint32_t p : heldBack_.priorities) {
     const auto index = static_cast<uint16_t>(p);

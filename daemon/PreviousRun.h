@@ -5,9 +5,13 @@
 // Every nexthop this run wants that held a rule before gets the same mark,
 // table and priority again: its rule and route are then replaced in place,
 // and the marks in the old iptables rules keep leading to the same nexthop
-// until the new rules replace them. Every other number the previous run held
-// counts as in use until its leftovers are removed, so that no nexthop takes
-// over a rule or a table that still routes another nexthop's traffic.
+// until the new rules replace them. The numbers of every other rule of the
+// previous run that is still in the kernel count as in use until the
+// leftovers are removed, so that no nexthop takes over a rule or a table
+// that still routes another nexthop's traffic. What routes nothing (a table
+// no such rule points at, a rule that never reached the kernel) is free, so
+// a run killed in the middle of its start is followed by one that hands out
+// exactly the numbers a clean start would.
 #pragma once
 
 #include <cstdint>
@@ -23,8 +27,10 @@ namespace Waymark {
 
 class PreviousRun {
  public:
-  // What `journal` held when it was loaded.
-  explicit PreviousRun(const Kernel::StateJournal& journal);
+  // What `journal` held when it was loaded; `kernelRules` are the rules the
+  // kernel holds now, both families.
+  PreviousRun(const Kernel::StateJournal& journal,
+              const std::vector<Kernel::PolicyRule>& kernelRules);
 
   // Gives each nexthop of `wanted` the numbers it held, and holds every
   // other number of the previous run back.
@@ -49,7 +55,7 @@ class PreviousRun {
              const Kernel::PolicyRule& rule) const;
 
   std::vector<std::pair<Kernel::PolicyRule, Velnet::IpGenAddr>> rules_;
-  std::vector<Kernel::RouteTableId> tables_;
+  std::set<Kernel::PolicyRule> inKernel_;
   Numbers heldBack_;
   std::vector<std::pair<Kernel::PolicyRule, Velnet::IpGenAddr>> adopted_;
 };

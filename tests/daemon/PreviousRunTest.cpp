@@ -21,10 +21,12 @@ class PreviousRunTest : public NexthopTableManagerTest {
     journal.tableHeld({true, 300});
   }
   Kernel::StateJournal journal{"/nonexistent/waymark-test/state.json"};
+  // The kernel holds every rule the journal records.
+  std::vector<Kernel::PolicyRule> kernel{{false, 2, 2, 2}, {false, 3, 3, 3}, {true, 4, 4, 300}};
 };
 
 TEST_F(PreviousRunTest, AWantedNexthopGetsItsNumbersBackAndAnotherNoneOfTheOthers) {
-  Waymark::PreviousRun previous(journal);
+  Waymark::PreviousRun previous(journal, kernel);
   previous.adoptInto(*manager, {addr("2001:db8::1"), addr("192.0.2.9"), addr("192.0.2.1")});
   EXPECT_EQ(previous.adopted(), 2u);
   EXPECT_EQ(manager->fwmark(addr("192.0.2.1")), 2u);
@@ -46,7 +48,7 @@ TEST_F(PreviousRunTest, AWantedNexthopGetsItsNumbersBackAndAnotherNoneOfTheOther
 }
 
 TEST_F(PreviousRunTest, AdoptedNexthopIsProgrammedWithItsOwnRuleReplacedInPlace) {
-  Waymark::PreviousRun previous(journal);
+  Waymark::PreviousRun previous(journal, kernel);
   previous.adoptInto(*manager, {addr("192.0.2.2")});
   connected("192.0.2.0/24");
   manager->nexthopInc(addr("192.0.2.2"), 1);
@@ -57,9 +59,23 @@ TEST_F(PreviousRunTest, AdoptedNexthopIsProgrammedWithItsOwnRuleReplacedInPlace)
                                       "ip rule add priority 3 fwmark 3 lookup 3"}));
 }
 
+TEST_F(PreviousRunTest, WhatRoutesNoTrafficIsNotHeldBack) {
+  // Killed after the route of 192.0.2.3 went in, before its rule did.
+  journal.tableHeld({false, 5});
+  kernel = {{false, 2, 2, 2}};
+  Waymark::PreviousRun previous(journal, kernel);
+  previous.adoptInto(*manager, {addr("192.0.2.1")});
+  // 192.0.2.2's rule is not in the kernel: its numbers are free, as is
+  // table 5, which no rule points at.
+  manager->createNexthop(addr("192.0.2.3"));
+  EXPECT_EQ(manager->ipRuleIndex(addr("192.0.2.3")), 3u);
+  EXPECT_EQ(manager->fwmark(addr("192.0.2.3")), 3u);
+  EXPECT_EQ(manager->routeTable(addr("192.0.2.3")), 3u);
+}
+
 TEST_F(PreviousRunTest, ANexthopWhoseNumbersAreTakenStartsAfresh) {
   manager->addrForFwmarkIs(2, addr("198.51.100.1"));
-  Waymark::PreviousRun previous(journal);
+  Waymark::PreviousRun previous(journal, kernel);
   previous.adoptInto(*manager, {addr("192.0.2.1")});
   EXPECT_EQ(previous.adopted(), 0u);
   EXPECT_EQ(manager->fwmark(addr("192.0.2.1")), 0u);
