@@ -82,32 +82,36 @@ void AsyncIptablesWriter::work(Lane& l) {
     l.jobs.pop_front();
     l.busy = true;
     lock.unlock();
-    run(l, job);
+    std::vector<Outcome> done = run(l, job);
     lock.lock();
+    // The lane is free again by the time its outcomes can be taken, so that
+    // a writer whose outcomes are all taken is idle.
     l.busy = false;
+    for (auto& o : done) outcomes_.push_back(std::move(o));
+    const uint64_t one = 1;
+    if (::write(wakeup_.get(), &one, sizeof one) < 0) continue;
   }
 }
 
-void AsyncIptablesWriter::run(Lane& l, const Job& job) {
+std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::run(Lane& l, const Job& job) {
+  std::vector<Outcome> done;
   if (job.transaction) {
     MangleTransaction transaction;
     for (const auto& batch : job.batches) transaction.add(batch);
     const auto written = transaction.foldable()
                              ? writeNow(l.type, transaction.text(job.existingChains))
                              : AclUtils::IptablesWriteResult{false, "cannot be folded", ""};
-    if (written.ok) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++transactions_;
-      }
-      for (const auto& batch : job.batches) post(l.type, batch, {});
-      return;
-    }
     std::lock_guard<std::mutex> lock(mutex_);
+    if (written.ok) {
+      ++transactions_;
+      for (const auto& batch : job.batches) done.push_back({l.type, batch, {}});
+      return done;
+    }
     ++fallbacks_;
     fallbackReason_ = written.error;
   }
-  for (const auto& batch : job.batches) post(l.type, batch, writeNow(l.type, batch));
+  for (const auto& batch : job.batches) done.push_back({l.type, batch, writeNow(l.type, batch)});
+  return done;
 }
 
 std::string AsyncIptablesWriter::fallbackReason() const {
@@ -119,16 +123,6 @@ AclUtils::IptablesWriteResult AsyncIptablesWriter::writeNow(Acl::AclType type,
                                                             const std::string& text) {
   return restore_.write(type, text)
       .value_or(AclUtils::IptablesWriteResult{false, "no outcome", ""});
-}
-
-void AsyncIptablesWriter::post(Acl::AclType type, const std::string& text,
-                               const AclUtils::IptablesWriteResult& r) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    outcomes_.push_back({type, text, r});
-  }
-  const uint64_t one = 1;
-  if (::write(wakeup_.get(), &one, sizeof one) < 0) return;
 }
 
 }  // namespace Kernel

@@ -85,8 +85,8 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   };
 
   void work(Lane& lane);
-  void run(Lane& lane, const Job& job);
-  void post(Acl::AclType type, const std::string& text, const AclUtils::IptablesWriteResult& r);
+  // Writes the job's batches; their outcomes, in order.
+  std::vector<Outcome> run(Lane& lane, const Job& job);
   Lane& lane(Acl::AclType type) { return type == Acl::aclTypeIpv6 ? lanes_[1] : lanes_[0]; }
 
   // The one place a batch is written, at once.
