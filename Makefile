@@ -12,7 +12,7 @@ CTEST_ARGS ?=
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
            clang-format iproute2 iptables procps libyaml-dev nlohmann-json3-dev
 
-.PHONY: all deps build test test-asan fuzz reliability bench bench-scale demo clean format format-check
+.PHONY: all deps build test test-asan fuzz reliability bench bench-build bench-scale demo clean format format-check
 
 all: build
 
@@ -62,10 +62,14 @@ reliability: build
 	bash tests/reliability/churn.sh $(BUILD) 1000
 	bash tests/reliability/overrun.sh $(BUILD) 10000
 
-bench: deps
+# The benchmarks built in Release, without running them (CI keeps them
+# compiling).
+bench-build: deps
 	cmake -S . -B $(BENCH_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release \
 	  -DWAYMARK_BUILD_TESTS=OFF -DWAYMARK_BUILD_BENCH=ON
 	cmake --build $(BENCH_DIR) -j $(JOBS)
+
+bench: bench-build
 	@for b in $(BENCH_DIR)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
 
 # waymarkd at scale against the naive way and the limit, then a start of one

@@ -12,8 +12,9 @@
 #include <string>
 
 #include "bench/PrivateNamespace.h"
-#include "daemon/NetlinkCommandRunner.h"
-#include "daemon/QuietCommandRunner.h"
+#include "kernel/KernelRouting.h"
+#include "kernel/NetlinkCommandRunner.h"
+#include "kernel/QuietCommandRunner.h"
 #include "nexthop/NexthopTableManager.h"
 #include "platform/ChildProcess.h"
 
@@ -54,6 +55,14 @@ struct Run {
 // Programs the nexthops in a fresh namespace of their own, through the
 // runner `make` builds there (the executor's socket must be opened inside
 // the namespace it serves).
+// The rtnetlink executor with what it needs, opened where it is made.
+struct NetlinkExecutor : Pbr::CommandRunner {
+  Pbr::CommandOutcome run(const Pbr::RoutingRequest& r) override { return executor.run(r); }
+  Kernel::KernelRouting routing;
+  Kernel::QuietCommandRunner shell;
+  Kernel::NetlinkCommandRunner executor{routing, shell};
+};
+
 template <class MakeRunner>
 Run programInFreshNamespace(MakeRunner make) {
   waymark::bench::PrivateNamespace ns("wmexec");
@@ -65,9 +74,9 @@ Run programInFreshNamespace(MakeRunner make) {
   Run run;
   run.seconds = program(*runner, 1);
   run.rules = count("ip rule | grep -c fwmark");
-  if (const auto* executor = dynamic_cast<const Waymark::NetlinkCommandRunner*>(runner.get())) {
-    run.requests = executor->requests();
-    run.fallbacks = executor->fallbacks();
+  if (const auto* netlink = dynamic_cast<const NetlinkExecutor*>(runner.get())) {
+    run.requests = netlink->routing.requests();
+    run.fallbacks = netlink->executor.fallbacks();
   }
   return run;
 }
@@ -79,11 +88,11 @@ int main() {
     std::printf("command executor benchmark: needs root (network namespaces); not run\n");
     return 0;
   }
-  Waymark::QuietCommandRunner shell;
-  const Run processes =
-      programInFreshNamespace([] { return std::make_unique<Waymark::QuietCommandRunner>(); });
+  const Run processes = programInFreshNamespace([]() -> std::unique_ptr<Pbr::CommandRunner> {
+    return std::make_unique<Kernel::QuietCommandRunner>();
+  });
   const Run netlink = programInFreshNamespace(
-      [&] { return std::make_unique<Waymark::NetlinkCommandRunner>(&shell); });
+      []() -> std::unique_ptr<Pbr::CommandRunner> { return std::make_unique<NetlinkExecutor>(); });
   std::printf(
       "one ip process per command: %d nexthops in %.2f s (%.2f ms each, %ld rules read back)\n",
       kNexthops, processes.seconds, processes.seconds * 1e3 / kNexthops, processes.rules);

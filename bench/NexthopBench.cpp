@@ -81,9 +81,9 @@ namespace {
 class OneMillisecondCommands : public Pbr::CommandRunner {
  public:
   explicit OneMillisecondCommands(Vix::VirtualTimeSource* time) : time_(time) {}
-  int run(const std::string&) override {
+  Pbr::CommandOutcome run(const Pbr::RoutingRequest&) override {
     time_->advance(0.001);
-    return 0;
+    return Pbr::CommandOutcome::exited(0);
   }
 
  private:
@@ -134,7 +134,9 @@ BENCHMARK(BM_ProgramTenThousandNexthops)->Unit(benchmark::kMillisecond)->Iterati
 // bookmark, allocation, command texts and bookkeeping, add and delete.
 class FreeCommands : public Pbr::CommandRunner {
  public:
-  int run(const std::string&) override { return 0; }
+  Pbr::CommandOutcome run(const Pbr::RoutingRequest&) override {
+    return Pbr::CommandOutcome::exited(0);
+  }
 };
 
 void BM_LoopOverheadPerNexthop(benchmark::State& state) {

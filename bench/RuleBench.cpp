@@ -13,7 +13,9 @@ namespace {
 
 class NullWriter : public AclUtils::IptablesWriter {
  public:
-  AclUtils::IptablesWriteResult write(Acl::AclType, const std::string&) override { return {}; }
+  std::optional<AclUtils::IptablesWriteResult> write(Acl::AclType, const std::string&) override {
+    return AclUtils::IptablesWriteResult{};
+  }
 };
 
 void BM_AddRulePerSubRule(benchmark::State& state) {
