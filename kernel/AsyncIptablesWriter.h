@@ -54,7 +54,6 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   // that hold the user chains `v4Chains` and `v6Chains`.
   void commit(const std::set<std::string>& v4Chains = {},
               const std::set<std::string>& v6Chains = {});
-  bool holding() const { return holding_; }
 
   // Readable when outcomes are waiting.
   int fd() const { return wakeup_.get(); }

@@ -91,10 +91,8 @@ Pbr::CommandOutcome JournaledCommandRunner::deleteRoute(const Pbr::RoutingReques
   // itself would delete nothing and end as iproute2 ends it.
   if (keptTable(request)) return Pbr::CommandOutcome::exited(255);
   const auto outcome = next_->run(request);
-  if (routing_.flushTable(request.v6(), request.table) >= 0) {
-    ++tablesFlushed_;
+  if (routing_.flushTable(request.v6(), request.table) >= 0)
     journal_.tableReleased(tableOf(request));
-  }
   return outcome;
 }
 

@@ -44,9 +44,6 @@ class JournaledCommandRunner : public Pbr::CommandRunner {
   // The executor behind it. REQUIRES: `next` outlives its installation.
   void nextIs(Pbr::CommandRunner& next) { next_ = &next; }
 
-  // Tables emptied after their route-delete command.
-  uint32_t tablesFlushed() const { return tablesFlushed_; }
-
  private:
   Pbr::CommandOutcome addRoute(const Pbr::RoutingRequest& request);
   Pbr::CommandOutcome addRule(const Pbr::RoutingRequest& request);
@@ -59,7 +56,6 @@ class JournaledCommandRunner : public Pbr::CommandRunner {
   Pbr::CommandRunner* next_;
   std::map<PolicyRule, Velnet::IpGenAddr> kept_;
   std::map<RouteTableId, Velnet::IpGenAddr> keptTables_;
-  uint32_t tablesFlushed_ = 0;
 };
 
 }  // namespace Kernel

@@ -18,8 +18,6 @@ class RtnetlinkSocket {
  public:
   RtnetlinkSocket();
 
-  bool valid() const { return fd_.valid(); }
-
   // Sends `message` (its header's length says how long it is) with an
   // acknowledgement asked for; 0, or the kernel's -errno.
   int request(nlmsghdr* message);

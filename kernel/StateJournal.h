@@ -35,7 +35,6 @@ class StateJournal {
  public:
   explicit StateJournal(std::string path) : path_(std::move(path)) {}
 
-  const std::string& path() const { return path_; }
   std::string journalPath() const { return path_ + ".journal"; }
 
   // Reads the snapshot and replays the journal over it; all of it is the
