@@ -39,18 +39,38 @@ bool ForeignNumbers::addTable(uint32_t table) {
   return tables_.insert(table).second;
 }
 
-void ForeignNumbers::reserveIn(Pbr::NexthopTableManager& m) const {
-  for (const uint32_t p : priorities_) {
+void reserveNumbers(Pbr::NexthopTableManager& m, const std::set<uint32_t>& priorities,
+                    const std::set<uint32_t>& tables, const std::set<uint32_t>& marks) {
+  for (const uint32_t p : priorities) {
     const auto index = static_cast<uint16_t>(p);
-    if (m.addrForIpRuleIndex(index).isUnset()) m.addrForIpRuleIndexIs(index, kOther);
+    if (p <= 0xffff && m.addrForIpRuleIndex(index).isUnset()) m.addrForIpRuleIndexIs(index, kOther);
   }
-  for (const uint32_t t : tables_) {
+  for (const uint32_t t : tables) {
     const auto table = static_cast<uint16_t>(t);
-    if (m.addrForRouteTable(table).isUnset()) m.addrForRouteTableIs(table, kOther);
+    if (t <= 0xffff && m.addrForRouteTable(table).isUnset()) m.addrForRouteTableIs(table, kOther);
   }
-  for (const uint32_t mark : marks_) {
+  for (const uint32_t mark : marks) {
     if (m.addrForFwmark(mark).isUnset()) m.addrForFwmarkIs(mark, kOther);
   }
+}
+
+void releaseNumbers(Pbr::NexthopTableManager& m, const std::set<uint32_t>& priorities,
+                    const std::set<uint32_t>& tables, const std::set<uint32_t>& marks) {
+  for (const uint32_t p : priorities) {
+    const auto index = static_cast<uint16_t>(p);
+    if (p <= 0xffff && m.addrForIpRuleIndex(index) == kOther) m.addrForIpRuleIndexDel(index);
+  }
+  for (const uint32_t t : tables) {
+    const auto table = static_cast<uint16_t>(t);
+    if (t <= 0xffff && m.addrForRouteTable(table) == kOther) m.addrForRouteTableDel(table);
+  }
+  for (const uint32_t mark : marks) {
+    if (m.addrForFwmark(mark) == kOther) m.addrForFwmarkDel(mark);
+  }
+}
+
+void ForeignNumbers::reserveIn(Pbr::NexthopTableManager& m) const {
+  reserveNumbers(m, priorities_, tables_, marks_);
 }
 
 nlohmann::json ForeignNumbers::toJson() const {

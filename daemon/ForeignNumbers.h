@@ -22,6 +22,14 @@
 
 namespace Waymark {
 
+// Makes each number count as in use for `manager`'s allocation (an owner
+// that stands for "not one of this run's nexthops"), where it is free.
+void reserveNumbers(Pbr::NexthopTableManager& manager, const std::set<uint32_t>& priorities,
+                    const std::set<uint32_t>& tables, const std::set<uint32_t>& marks);
+// Frees again what reserveNumbers() reserved and nothing has taken since.
+void releaseNumbers(Pbr::NexthopTableManager& manager, const std::set<uint32_t>& priorities,
+                    const std::set<uint32_t>& tables, const std::set<uint32_t>& marks);
+
 class ForeignNumbers {
  public:
   // What `rules` and `tables` (the kernel's, both families) hold that

@@ -2,14 +2,9 @@
 
 #include <algorithm>
 
+#include "daemon/ForeignNumbers.h"
+
 namespace Waymark {
-
-namespace {
-
-// The owner that stands for "not this run's" in the manager's reverse maps.
-const Velnet::IpGenAddr kPrevious{Velnet::IpAddr()};
-
-}  // namespace
 
 PreviousRun::PreviousRun(const Kernel::StateJournal& journal,
                          const std::vector<Kernel::PolicyRule>& kernelRules)
@@ -53,33 +48,11 @@ void PreviousRun::adoptInto(Pbr::NexthopTableManager& m,
     heldBack_.marks.insert(rule.mark);
     heldBack_.tables.insert(rule.table);
   }
-  for (const uint32_t p : heldBack_.priorities) {
-    const auto index = static_cast<uint16_t>(p);
-    if (p <= 0xffff && m.addrForIpRuleIndex(index).isUnset())
-      m.addrForIpRuleIndexIs(index, kPrevious);
-  }
-  for (const uint32_t t : heldBack_.tables) {
-    const auto table = static_cast<uint16_t>(t);
-    if (t <= 0xffff && m.addrForRouteTable(table).isUnset())
-      m.addrForRouteTableIs(table, kPrevious);
-  }
-  for (const uint32_t mark : heldBack_.marks) {
-    if (m.addrForFwmark(mark).isUnset()) m.addrForFwmarkIs(mark, kPrevious);
-  }
+  reserveNumbers(m, heldBack_.priorities, heldBack_.tables, heldBack_.marks);
 }
 
 void PreviousRun::release(Pbr::NexthopTableManager& m) {
-  for (const uint32_t p : heldBack_.priorities) {
-    const auto index = static_cast<uint16_t>(p);
-    if (p <= 0xffff && m.addrForIpRuleIndex(index) == kPrevious) m.addrForIpRuleIndexDel(index);
-  }
-  for (const uint32_t t : heldBack_.tables) {
-    const auto table = static_cast<uint16_t>(t);
-    if (t <= 0xffff && m.addrForRouteTable(table) == kPrevious) m.addrForRouteTableDel(table);
-  }
-  for (const uint32_t mark : heldBack_.marks) {
-    if (m.addrForFwmark(mark) == kPrevious) m.addrForFwmarkDel(mark);
-  }
+  releaseNumbers(m, heldBack_.priorities, heldBack_.tables, heldBack_.marks);
   heldBack_ = {};
 }
 
