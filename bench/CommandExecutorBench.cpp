@@ -12,11 +12,11 @@
 #include <string>
 
 #include "bench/PrivateNamespace.h"
+#include "kernel/ChildProcess.h"
 #include "kernel/KernelRouting.h"
 #include "kernel/NetlinkCommandRunner.h"
 #include "kernel/QuietCommandRunner.h"
 #include "nexthop/NexthopTableManager.h"
-#include "platform/ChildProcess.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ double now() {
 }
 
 long count(const std::string& command) {
-  const auto r = Platform::ChildProcess::run({"sh", "-c", command}, "", 60);
+  const auto r = Kernel::ChildProcess::run({"sh", "-c", command}, "", 60);
   return std::strtol(r.output.c_str(), nullptr, 10);
 }
 

@@ -22,7 +22,8 @@
 #include "framework/ActivityManager.h"
 #include "framework/TimeSource.h"
 #include "iptables/AclTypeData.h"
-#include "platform/ChildProcess.h"
+#include "kernel/ChildProcess.h"
+#include "kernel/RestoreIptablesWriter.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ int main() {
     drains += Vix::activityManager().runDue();
   }
   const double queued = Vix::now() - start;
-  const auto counted = Platform::ChildProcess::run(
+  const auto counted = Kernel::ChildProcess::run(
       {"sh", "-c", "iptables -t mangle -S PBR_1_bench | grep -c -- '^-A'"}, "", 60);
   const long inKernel = std::strtol(counted.output.c_str(), nullptr, 10);
 

@@ -10,9 +10,9 @@
 
 #include "framework/ActivityManager.h"
 #include "framework/TimeSource.h"
+#include "net/Routing6Trie.h"
+#include "net/RoutingTrie.h"
 #include "nexthop/NexthopTableManager.h"
-#include "platform/Routing6Trie.h"
-#include "platform/RoutingTrie.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "iptables/AclHelper.h"
-#include "platform/AclRuleParser.h"
 #include "plugin/ClassCommonData.h"
+#include "policymap/AclRuleParser.h"
 
 namespace {
 

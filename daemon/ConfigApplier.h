@@ -10,8 +10,8 @@
 
 #include "daemon/ConfigModel.h"
 #include "framework/Ptr.h"
-#include "platform/AclConfig.h"
-#include "platform/PolicyMapTypeConfig.h"
+#include "policymap/AclConfig.h"
+#include "policymap/PolicyMapTypeConfig.h"
 
 namespace Waymark {
 

@@ -9,7 +9,7 @@
 #include "daemon/YamlDocument.h"
 #include "framework/Errors.h"
 #include "framework/String.h"
-#include "platform/AclRuleParser.h"
+#include "policymap/AclRuleParser.h"
 
 namespace Waymark {
 

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "daemon/Tunables.h"
-#include "platform/AclRuleConfig.h"
-#include "platform/IntfId.h"
-#include "platform/IpGenAddr.h"
+#include "net/IntfId.h"
+#include "net/IpGenAddr.h"
+#include "policymap/AclRuleConfig.h"
 
 namespace Waymark {
 

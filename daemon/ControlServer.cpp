@@ -14,13 +14,13 @@
 #include <optional>
 #include <stdexcept>
 
-#include "platform/FileDescriptor.h"
+#include "kernel/FileDescriptor.h"
 
 namespace Waymark {
 
 namespace {
 
-using Fd = Platform::FileDescriptor;
+using Fd = Kernel::FileDescriptor;
 
 bool fillAddress(const std::string& path, sockaddr_un* addr) {
   if (path.size() >= sizeof addr->sun_path) return false;

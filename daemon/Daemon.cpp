@@ -18,12 +18,12 @@
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
 #include "framework/Trace.h"
+#include "kernel/ChildProcess.h"
 #include "kernel/MangleReadback.h"
 #include "kernel/NetlinkCommandRunner.h"
 #include "kernel/QuietCommandRunner.h"
-#include "platform/Cell.h"
-#include "platform/ChildProcess.h"
 #include "plugin/StateDatabase.h"
+#include "policymap/Cell.h"
 
 namespace Waymark {
 
@@ -175,7 +175,9 @@ bool Daemon::start(std::string* error) {
   ipStatus_ = Vix::make<Ip::Status>();
   ip6Status_ = Vix::make<Ip6::Status>();
 
-  netlink_ = std::make_unique<NetlinkListener>(ipStatus_, ip6Status_);
+  interfaces_ = std::make_unique<InterfaceStatusSync>(ipStatus_, ip6Status_);
+  netlink_ = std::make_unique<NetlinkListener>(
+      [this](const NetlinkListener::Interface& shown) { interfaces_->publish(shown); });
   if (!netlink_->open(error)) return false;
   if (!options_.dryRun) {
     if (!guardMangleTable(error)) return false;
@@ -555,7 +557,7 @@ void Daemon::cleanupKernel() {
   AclUtils::RestoreIptablesWriter writer;
   for (const bool v6 : {false, true}) {
     const char* tool = v6 ? "ip6tables" : "iptables";
-    const auto listing = Platform::ChildProcess::run({tool, "-w", "-t", "mangle", "-S"}, "", 30);
+    const auto listing = Kernel::ChildProcess::run({tool, "-w", "-t", "mangle", "-S"}, "", 30);
     std::istringstream in(listing.output);
     std::string text;
     std::vector<std::string> chains;

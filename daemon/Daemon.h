@@ -33,16 +33,18 @@
 #include "daemon/ControlServer.h"
 #include "daemon/ForeignNumbers.h"
 #include "daemon/InstanceLock.h"
-#include "daemon/NetlinkListener.h"
+#include "daemon/InterfaceStatusSync.h"
 #include "daemon/PreviousRun.h"
 #include "kernel/AsyncIptablesWriter.h"
+#include "kernel/CommandRunner.h"
 #include "kernel/JournaledCommandRunner.h"
 #include "kernel/KernelRouting.h"
+#include "kernel/NetlinkListener.h"
+#include "kernel/RestoreIptablesWriter.h"
 #include "kernel/RoutingEvents.h"
 #include "kernel/StateJournal.h"
-#include "nexthop/CommandRunner.h"
-#include "platform/IptablesManager.h"
 #include "plugin/AclPlugin.h"
+#include "policymap/IptablesManager.h"
 
 namespace Waymark {
 
@@ -137,6 +139,7 @@ class Daemon {
   Vix::Ptr<Acl::Config> aclConfig_;
   Vix::Ptr<Ip::Status> ipStatus_;
   Vix::Ptr<Ip6::Status> ip6Status_;
+  std::unique_ptr<InterfaceStatusSync> interfaces_;
   std::unique_ptr<NetlinkListener> netlink_;
   Kernel::RoutingEvents routingEvents_;
   std::unique_ptr<ConfigApplier> applier_;

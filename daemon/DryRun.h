@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <string>
 
-#include "nexthop/CommandRunner.h"
-#include "platform/IptablesManager.h"
+#include "kernel/CommandRunner.h"
+#include "policymap/IptablesManager.h"
 
 namespace Waymark {
 

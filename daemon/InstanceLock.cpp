@@ -15,7 +15,7 @@ bool InstanceLock::take(const std::string& statePath, std::string* error) {
   std::error_code ec;
   const std::filesystem::path parent = std::filesystem::path(path).parent_path();
   if (!parent.empty()) std::filesystem::create_directories(parent, ec);
-  Platform::FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  Kernel::FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (!fd.valid()) {
     *error = "cannot open " + path + ": " + std::strerror(errno);
     return false;

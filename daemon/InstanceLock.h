@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "platform/FileDescriptor.h"
+#include "kernel/FileDescriptor.h"
 
 namespace Waymark {
 
@@ -19,7 +19,7 @@ class InstanceLock {
   bool take(const std::string& statePath, std::string* error);
 
  private:
-  Platform::FileDescriptor fd_;
+  Kernel::FileDescriptor fd_;
 };
 
 }  // namespace Waymark

@@ -16,9 +16,9 @@
 #include "framework/String.h"
 #include "framework/ValueMap.h"
 #include "iptables/SubRuleKey.h"
-#include "platform/IntfId.h"
-#include "platform/PolicyMapSmCommonData.h"
-#include "platform/PolicyMapSmKey.h"
+#include "net/IntfId.h"
+#include "policymap/PolicyMapSmCommonData.h"
+#include "policymap/PolicyMapSmKey.h"
 
 namespace Pbr::Iptables {
 

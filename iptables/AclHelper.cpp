@@ -4,7 +4,8 @@
 
 #include "framework/Errors.h"
 #include "framework/Trace.h"
-#include "plugin/ClassCommonData.h"
+#include "iptables/ClassForwarding.h"
+#include "kernel/RestoreIptablesWriter.h"
 
 namespace Pbr::Iptables {
 
@@ -149,9 +150,9 @@ Vix::String8 AclHelper::addRule(const PolicyMap::AclRuleKey& aclRuleKey,
                                 const PolicyMap::SubRuleData& subRuleData,
                                 const PolicyData& policyData, const ClassData& classData) {
   VIX_TRACE(8, "addRule " << aclRuleKey.strDesc());
-  const auto classCommonData = Vix::ptrCast<const ClassCommonData>(classData);
-  VIX_ASSERT(classCommonData, "classData");
-  const Velnet::IpGenAddr nexthop = classCommonData->nexthopValue();
+  const auto* forwarding = dynamic_cast<const ClassForwarding*>(classData.get());
+  VIX_ASSERT(forwarding, "classData");
+  const Velnet::IpGenAddr nexthop = forwarding->nexthopValue();
   const auto typeData = aclTypeData(aclRuleKey.matchOption());
   VIX_ASSERT(typeData, "typeData");
   const auto acl = typeData->acl(aclRuleKey.policyMapKey());
@@ -161,8 +162,8 @@ Vix::String8 AclHelper::addRule(const PolicyMap::AclRuleKey& aclRuleKey,
   const bool programmed = nexthopTableManager_->programmed(nexthop);
 
   Acl::AclRuleConfig rule = aclRuleKey.matchOption() == PolicyMap::matchIpv4
-                                ? classCommonData->getIpRule(aclRuleKey)
-                                : classCommonData->getIp6Rule(aclRuleKey);
+                                ? classData->getIpRule(aclRuleKey)
+                                : classData->getIp6Rule(aclRuleKey);
   rule.tcpFlag = Acl::TcpFlag(subRuleData.tcpFlag);
   const std::string match =
       typeData->iptablesManager()->doGetRuleMatch(rule, AclUtils::ruleMatchOnly);

@@ -15,8 +15,8 @@
 #include "iptables/AclData.h"
 #include "iptables/AclTypeData.h"
 #include "nexthop/NexthopTableManager.h"
-#include "platform/IptablesManager.h"
-#include "platform/PolicyMapAclHelper.h"
+#include "policymap/IptablesManager.h"
+#include "policymap/PolicyMapAclHelper.h"
 
 namespace Pbr::Iptables {
 

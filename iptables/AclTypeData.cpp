@@ -3,7 +3,7 @@
 #include "framework/ActivityManager.h"
 #include "framework/Errors.h"
 #include "framework/Trace.h"
-#include "platform/VrfName.h"
+#include "net/VrfName.h"
 
 namespace Pbr::Iptables {
 

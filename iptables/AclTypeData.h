@@ -20,10 +20,10 @@
 #include "framework/String.h"
 #include "iptables/AclData.h"
 #include "iptables/IptablesOperation.h"
-#include "platform/ClassMapMatchOption.h"
-#include "platform/IptablesManager.h"
-#include "platform/PolicyMapSmCommonData.h"
-#include "platform/PolicyMapSmKey.h"
+#include "policymap/ClassMapMatchOption.h"
+#include "policymap/IptablesManager.h"
+#include "policymap/PolicyMapSmCommonData.h"
+#include "policymap/PolicyMapSmKey.h"
 
 namespace Pbr::Iptables {
 

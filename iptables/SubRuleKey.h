@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/AclRuleKey.h"
-#include "platform/TcpFlag.h"
+#include "policymap/AclRuleKey.h"
+#include "policymap/TcpFlag.h"
 
 namespace Pbr::Iptables {
 

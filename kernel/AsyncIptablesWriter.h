@@ -24,8 +24,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/FileDescriptor.h"
-#include "platform/IptablesManager.h"
+#include "kernel/FileDescriptor.h"
+#include "kernel/IptablesWriter.h"
 
 namespace Kernel {
 
@@ -92,7 +92,7 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   AclUtils::IptablesWriteResult writeNow(Acl::AclType type, const std::string& text);
 
   AclUtils::IptablesWriter& restore_;
-  Platform::FileDescriptor wakeup_;
+  Kernel::FileDescriptor wakeup_;
   mutable std::mutex mutex_;
   std::condition_variable wake_;
   Lane lanes_[2];

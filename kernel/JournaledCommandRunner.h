@@ -21,9 +21,9 @@
 #include <map>
 #include <set>
 
+#include "kernel/CommandRunner.h"
 #include "kernel/KernelRouting.h"
 #include "kernel/StateJournal.h"
-#include "nexthop/CommandRunner.h"
 
 namespace Kernel {
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "kernel/RtnetlinkSocket.h"
-#include "platform/IpGenAddr.h"
+#include "net/IpGenAddr.h"
 
 namespace Kernel {
 

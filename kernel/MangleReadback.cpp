@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "platform/ChildProcess.h"
+#include "kernel/ChildProcess.h"
 
 namespace Kernel {
 
@@ -21,7 +21,7 @@ bool builtIn(const std::string& chain) {
 
 std::string MangleReadback::save(bool v6, double timeLimit, std::string* error) {
   const char* tool = v6 ? "ip6tables-save" : "iptables-save";
-  const auto r = Platform::ChildProcess::run({tool, "-t", "mangle"}, "", timeLimit);
+  const auto r = Kernel::ChildProcess::run({tool, "-t", "mangle"}, "", timeLimit);
   if (!r.ok()) *error = std::string(tool) + " " + r.describe(timeLimit) + ": " + r.output;
   return r.output;
 }

@@ -16,8 +16,8 @@
 
 #include <cstdint>
 
+#include "kernel/CommandRunner.h"
 #include "kernel/KernelRouting.h"
-#include "nexthop/CommandRunner.h"
 
 namespace Kernel {
 

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "platform/ChildProcess.h"
+#include "kernel/ChildProcess.h"
 
 namespace Kernel {
 
@@ -13,8 +13,7 @@ std::string QuietCommandRunner::shellLine(const Pbr::RoutingRequest& r) {
 
 Pbr::CommandOutcome QuietCommandRunner::run(const Pbr::RoutingRequest& request) {
   const std::string line = shellLine(request);
-  const Platform::ChildResult r =
-      Platform::ChildProcess::run({"/bin/sh", "-c", line}, "", timeLimit_);
+  const Kernel::ChildResult r = Kernel::ChildProcess::run({"/bin/sh", "-c", line}, "", timeLimit_);
   if (!r.started) return Pbr::CommandOutcome::notStarted();
   if (r.timedOut) {
     std::fprintf(stderr, "waymarkd: '%s' %s, killed\n", line.c_str(),

@@ -15,7 +15,7 @@
 
 #include <string>
 
-#include "nexthop/CommandRunner.h"
+#include "kernel/CommandRunner.h"
 
 namespace Kernel {
 

@@ -32,7 +32,7 @@ uint32_t u32(const nlmsghdr& m, uint16_t type, uint32_t otherwise) {
 }  // namespace
 
 bool RoutingEvents::open(std::string* error) {
-  fd_ = Platform::FileDescriptor(
+  fd_ = Kernel::FileDescriptor(
       socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
   sockaddr_nl addr{};
   addr.nl_family = AF_NETLINK;

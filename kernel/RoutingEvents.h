@@ -7,8 +7,8 @@
 
 #include <functional>
 
+#include "kernel/FileDescriptor.h"
 #include "kernel/KernelRouting.h"
-#include "platform/FileDescriptor.h"
 
 namespace Kernel {
 
@@ -27,7 +27,7 @@ class RoutingEvents {
   void handle(const Handlers& handlers);
 
  private:
-  Platform::FileDescriptor fd_;
+  Kernel::FileDescriptor fd_;
 };
 
 }  // namespace Kernel

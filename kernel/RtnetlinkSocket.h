@@ -10,7 +10,7 @@
 #include <functional>
 #include <string>
 
-#include "platform/FileDescriptor.h"
+#include "kernel/FileDescriptor.h"
 
 namespace Kernel {
 
@@ -31,7 +31,7 @@ class RtnetlinkSocket {
   // Reads answers to the request numbered `seq_` until it is done.
   int answer(const std::function<void(const nlmsghdr&)>* each);
 
-  Platform::FileDescriptor fd_;
+  Kernel::FileDescriptor fd_;
   uint32_t seq_ = 0;
   uint32_t requests_ = 0;
 };

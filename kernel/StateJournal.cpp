@@ -141,7 +141,7 @@ void StateJournal::append(const std::string& line) {
     std::error_code ec;
     const std::filesystem::path parent = std::filesystem::path(path_).parent_path();
     if (!parent.empty()) std::filesystem::create_directories(parent, ec);
-    journal_ = Platform::FileDescriptor(
+    journal_ = Kernel::FileDescriptor(
         ::open(journalPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
   }
   const std::string text = line + "\n";

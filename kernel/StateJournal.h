@@ -25,9 +25,9 @@
 #include <string>
 #include <vector>
 
+#include "kernel/FileDescriptor.h"
 #include "kernel/KernelRouting.h"
-#include "platform/FileDescriptor.h"
-#include "platform/IpGenAddr.h"
+#include "net/IpGenAddr.h"
 
 namespace Kernel {
 
@@ -73,7 +73,7 @@ class StateJournal {
   void replay(const std::string& line);
 
   std::string path_;
-  Platform::FileDescriptor journal_;
+  Kernel::FileDescriptor journal_;
   size_t journalLines_ = 0;
   struct HeldRule {
     bool current = false;  // taken by this run

@@ -6,10 +6,10 @@
 
 #include "framework/Entity.h"
 #include "framework/ValueMap.h"
-#include "platform/Ip6Addr.h"
-#include "platform/Ip6Prefix.h"
-#include "platform/IpAddr.h"
-#include "platform/Prefix.h"
+#include "net/Ip6Addr.h"
+#include "net/Ip6Prefix.h"
+#include "net/IpAddr.h"
+#include "net/Prefix.h"
 
 namespace Pbr {
 

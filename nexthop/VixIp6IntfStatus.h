@@ -5,9 +5,9 @@
 #pragma once
 
 #include "framework/Ptr.h"
-#include "platform/IntfId.h"
-#include "platform/Ip6AddrWithMask.h"
-#include "platform/Ip6IntfStatus.h"
+#include "net/IntfId.h"
+#include "net/Ip6AddrWithMask.h"
+#include "policymap/Ip6IntfStatus.h"
 
 namespace Pbr {
 

@@ -2,7 +2,7 @@
 // manager, as VixIpStatus does for IPv4.
 #pragma once
 
-#include "platform/Ip6Status.h"
+#include "policymap/Ip6Status.h"
 
 namespace Pbr {
 

@@ -10,9 +10,9 @@
 #pragma once
 
 #include "framework/Ptr.h"
-#include "platform/IntfId.h"
-#include "platform/IpAddrWithMask.h"
-#include "platform/IpIntfStatus.h"
+#include "net/IntfId.h"
+#include "net/IpAddrWithMask.h"
+#include "policymap/IpIntfStatus.h"
 
 namespace Pbr {
 

@@ -4,7 +4,7 @@
 // (which withdraws every address it held).
 #pragma once
 
-#include "platform/IpStatus.h"
+#include "policymap/IpStatus.h"
 
 namespace Pbr {
 

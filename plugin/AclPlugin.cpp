@@ -1,10 +1,10 @@
 #include "plugin/AclPlugin.h"
 
 #include "framework/Errors.h"
-#include "platform/Cell.h"
-#include "platform/PlatformEntities.h"
-#include "platform/PolicyMapTypeConfig.h"
-#include "platform/PolicyMapTypeStatus.h"
+#include "policymap/Cell.h"
+#include "policymap/PlatformEntities.h"
+#include "policymap/PolicyMapTypeConfig.h"
+#include "policymap/PolicyMapTypeStatus.h"
 
 namespace Pbr {
 

@@ -11,9 +11,9 @@
 #include "framework/String.h"
 #include "iptables/AclHelper.h"
 #include "nexthop/NexthopTableManager.h"
-#include "platform/Stordb.h"
 #include "plugin/PbrAclPluginSm.h"
 #include "plugin/PluginContext.h"
+#include "policymap/Stordb.h"
 
 namespace Pbr {
 

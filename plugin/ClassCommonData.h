@@ -2,22 +2,24 @@
 // nexthop its rules mark for (nexthopValue, unset when there is none),
 // whether it only lets traffic pass (passthroughConfigured), and the class's
 // nexthop selector (masterNexthopSm), which keeps nexthopValue current. The
-// iptables side reads both values when it writes the class's rules.
+// iptables side reads both values, through ClassForwarding, when it writes
+// the class's rules.
 #pragma once
 
 #include <string>
 
 #include "framework/Notifiee.h"
 #include "framework/Ptr.h"
-#include "platform/AclConfig.h"
-#include "platform/ClassMapSmCommonData.h"
-#include "platform/ClassMapSubConfig.h"
-#include "platform/IpGenAddr.h"
+#include "iptables/ClassForwarding.h"
+#include "net/IpGenAddr.h"
 #include "plugin/MasterNexthopSm.h"
+#include "policymap/AclConfig.h"
+#include "policymap/ClassMapSmCommonData.h"
+#include "policymap/ClassMapSubConfig.h"
 
 namespace Pbr {
 
-class ClassCommonData : public PolicyMap::ClassMapSmCommonData {
+class ClassCommonData : public PolicyMap::ClassMapSmCommonData, public ClassForwarding {
  public:
   class NotifieeConst : public Vix::Notifiee<ClassCommonData> {
    public:
@@ -30,7 +32,7 @@ class ClassCommonData : public PolicyMap::ClassMapSmCommonData {
                   const Vix::Ptr<const Acl::Config>& aclConfig)
       : PolicyMap::ClassMapSmCommonData(name, classMap, aclConfig) {}
 
-  const Velnet::IpGenAddr& nexthopValue() const { return nexthopValue_; }
+  const Velnet::IpGenAddr& nexthopValue() const override { return nexthopValue_; }
   void nexthopValueIs(const Velnet::IpGenAddr& nexthop) {
     if (nexthop == nexthopValue_) return;
     nexthopValue_ = nexthop;
@@ -47,7 +49,7 @@ class ClassCommonData : public PolicyMap::ClassMapSmCommonData {
   // Removes the selector and hands it back.
   Vix::Ptr<MasterNexthopSm> masterNexthopSmDel() { return std::move(masterNexthopSm_); }
 
-  bool passthroughConfigured() const { return passthroughConfigured_; }
+  bool passthroughConfigured() const override { return passthroughConfigured_; }
   void passthroughConfiguredIs(bool passthrough) {
     if (passthrough == passthroughConfigured_) return;
     passthroughConfigured_ = passthrough;

@@ -10,9 +10,9 @@
 #include "framework/Entity.h"
 #include "framework/Notifiee.h"
 #include "framework/Ptr.h"
+#include "net/IpGenAddr.h"
 #include "nexthop/NexthopTableManager.h"
-#include "platform/IpGenAddr.h"
-#include "platform/PbrFwdAction.h"
+#include "policymap/PbrFwdAction.h"
 
 namespace Pbr {
 

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "platform/ActionSm.h"
-#include "platform/PbrFwdAction.h"
+#include "policymap/ActionSm.h"
+#include "policymap/PbrFwdAction.h"
 
 namespace Pbr {
 

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "platform/ActionSm.h"
+#include "policymap/ActionSm.h"
 
 namespace Pbr {
 

@@ -1,7 +1,7 @@
 #include "plugin/PbrAclPluginSm.h"
 
 #include "framework/Errors.h"
-#include "plugin/PolicyMapSm.h"
+#include "plugin/PbrPolicyMapSm.h"
 
 namespace Pbr {
 

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "nexthop/NexthopTableManager.h"
-#include "platform/ServicePolicySm.h"
+#include "policymap/ServicePolicySm.h"
 
 namespace Pbr {
 

@@ -7,9 +7,9 @@
 
 #include "framework/Entity.h"
 #include "framework/Ptr.h"
-#include "nexthop/CommandRunner.h"
-#include "platform/IptablesManager.h"
-#include "platform/Stordb.h"
+#include "kernel/CommandRunner.h"
+#include "policymap/IptablesManager.h"
+#include "policymap/Stordb.h"
 
 namespace Acl {
 

@@ -1,7 +1,7 @@
 #include "plugin/StateDatabase.h"
 
-#include "platform/PlatformEntities.h"
 #include "plugin/AclPlugin.h"
+#include "policymap/PlatformEntities.h"
 
 namespace Pbr {
 

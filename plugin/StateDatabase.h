@@ -4,12 +4,12 @@
 #pragma once
 
 #include "framework/Ptr.h"
-#include "platform/AclConfig.h"
-#include "platform/Ip6Status.h"
-#include "platform/IpStatus.h"
-#include "platform/PolicyMapTypeConfig.h"
-#include "platform/PolicyMapTypeStatus.h"
-#include "platform/Stordb.h"
+#include "policymap/AclConfig.h"
+#include "policymap/Ip6Status.h"
+#include "policymap/IpStatus.h"
+#include "policymap/PolicyMapTypeConfig.h"
+#include "policymap/PolicyMapTypeStatus.h"
+#include "policymap/Stordb.h"
 
 namespace Pbr {
 

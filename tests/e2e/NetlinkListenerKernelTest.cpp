@@ -6,7 +6,8 @@
 #include <functional>
 #include <memory>
 
-#include "daemon/NetlinkListener.h"
+#include "daemon/InterfaceStatusSync.h"
+#include "kernel/NetlinkListener.h"
 #include "tests/support/NetworkNamespace.h"
 
 namespace waymark::test {
@@ -24,7 +25,8 @@ class NetlinkListenerKernel : public ::testing::Test {
     ns_->addLinkPair("wm0", "wm1");
     ns_->run("ip addr add 192.0.2.1/24 dev wm0 && ip addr add 192.0.2.2/24 dev wm0");
     ns_->run("ip addr add 198.51.100.1/24 dev wm0");
-    listener_ = std::make_unique<Waymark::NetlinkListener>(ip, ip6);
+    listener_ = std::make_unique<Waymark::NetlinkListener>(
+        [this](const Waymark::NetlinkListener::Interface& shown) { sync_.publish(shown); });
     std::string error;
     ASSERT_TRUE(listener_->open(&error)) << error;
   }
@@ -47,6 +49,7 @@ class NetlinkListenerKernel : public ::testing::Test {
 
   Vix::Ptr<Ip::Status> ip = Vix::make<Ip::Status>();
   Vix::Ptr<Ip6::Status> ip6 = Vix::make<Ip6::Status>();
+  Waymark::InterfaceStatusSync sync_{ip, ip6};
   std::unique_ptr<NetworkNamespace> ns_;
   std::unique_ptr<Waymark::NetlinkListener> listener_;
 };

@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "framework/Errors.h"
-#include "platform/AclRuleParser.h"
-#include "platform/IptablesManager.h"
+#include "policymap/AclRuleParser.h"
+#include "policymap/IptablesManager.h"
 #include "tests/support/KernelText.h"
 
 namespace {

@@ -7,12 +7,12 @@
 #include <string_view>
 
 #include "framework/Errors.h"
-#include "platform/IntfId.h"
-#include "platform/Ip6AddrWithMask.h"
-#include "platform/Ip6Prefix.h"
-#include "platform/IpAddrWithMask.h"
-#include "platform/IpGenAddr.h"
-#include "platform/Prefix.h"
+#include "net/IntfId.h"
+#include "net/Ip6AddrWithMask.h"
+#include "net/Ip6Prefix.h"
+#include "net/IpAddrWithMask.h"
+#include "net/IpGenAddr.h"
+#include "net/Prefix.h"
 
 namespace {
 

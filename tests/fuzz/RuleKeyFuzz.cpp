@@ -8,7 +8,7 @@
 
 #include "framework/Errors.h"
 #include "iptables/SubRuleKey.h"
-#include "platform/AclRuleKey.h"
+#include "policymap/AclRuleKey.h"
 
 namespace {
 

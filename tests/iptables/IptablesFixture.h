@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "iptables/AclHelper.h"
-#include "platform/AclConfig.h"
-#include "platform/AclRuleParser.h"
 #include "plugin/ClassCommonData.h"
+#include "policymap/AclConfig.h"
+#include "policymap/AclRuleParser.h"
 #include "tests/support/AccessLists.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/RecordingIptablesWriter.h"

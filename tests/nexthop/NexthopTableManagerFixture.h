@@ -8,10 +8,10 @@
 #include <string>
 
 #include "framework/Ptr.h"
+#include "net/IpGenAddr.h"
 #include "nexthop/NexthopTableManager.h"
-#include "platform/Ip6Status.h"
-#include "platform/IpGenAddr.h"
-#include "platform/IpStatus.h"
+#include "policymap/Ip6Status.h"
+#include "policymap/IpStatus.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/TraceCapture.h"
 #include "tests/support/VirtualClock.h"

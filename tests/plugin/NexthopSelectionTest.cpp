@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "plugin/ClassCommonData.h"
-#include "plugin/ClassMapSm.h"
 #include "plugin/NexthopActionSm.h"
 #include "plugin/NoActionSm.h"
+#include "plugin/PbrClassMapSm.h"
 #include "tests/plugin/PbrSystemFixture.h"
 
 namespace waymark::test {

@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "platform/AclRuleParser.h"
-#include "platform/Cell.h"
-#include "platform/PlatformEntities.h"
 #include "plugin/AclPlugin.h"
 #include "plugin/ClassCommonData.h"
 #include "plugin/StateDatabase.h"
+#include "policymap/AclRuleParser.h"
+#include "policymap/Cell.h"
+#include "policymap/PlatformEntities.h"
 #include "tests/support/AccessLists.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/RecordingIptablesWriter.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/AclConfig.h"
-#include "platform/AclRuleParser.h"
+#include "policymap/AclConfig.h"
+#include "policymap/AclRuleParser.h"
 
 namespace waymark::test {
 

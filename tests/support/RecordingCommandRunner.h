@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "nexthop/CommandRunner.h"
+#include "kernel/CommandRunner.h"
 #include "tests/support/VirtualClock.h"
 
 namespace waymark::test {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/IptablesManager.h"
+#include "policymap/IptablesManager.h"
 #include "tests/support/VirtualClock.h"
 
 namespace waymark::test {

@@ -1,9 +1,0 @@
-// Routing6::Trie: the prefix trie of the router's connected IPv6 subnets.
-#pragma once
-
-#include "platform/Ip6Prefix.h"
-#include "platform/NamedTrie.h"
-
-namespace Routing6 {
-using Trie = Routing::NamedTrie<Velnet::Ip6Prefix>;
-}  // namespace Routing6
