@@ -1,13 +1,15 @@
-// The ways to the kernel for `waymarkd --dry-run`: every `ip` command and
+// The kernel of `waymarkd --dry-run` (DryRunKernel): every `ip` command and
 // every iptables-restore batch is printed to standard output, prefixed so
-// that the two can be told apart, and reported as successful.
+// that the two can be told apart, and reported as successful. Nothing of
+// the kernel is read, so there is no previous run and no other tool.
 #pragma once
 
 #include <cstdio>
 #include <string>
 
+#include "daemon/RouterKernel.h"
 #include "kernel/CommandRunner.h"
-#include "policymap/IptablesManager.h"
+#include "kernel/IptablesWriter.h"
 
 namespace Waymark {
 
@@ -31,6 +33,16 @@ class PrintingIptablesWriter : public AclUtils::IptablesWriter {
     std::fflush(stdout);
     return AclUtils::IptablesWriteResult{};
   }
+};
+
+class DryRunKernel : public RouterKernel {
+ public:
+  Pbr::CommandRunner& runner(CommandExecutor) override { return runner_; }
+  AclUtils::IptablesWriter& writer() override { return writer_; }
+
+ private:
+  PrintingCommandRunner runner_;
+  PrintingIptablesWriter writer_;
 };
 
 }  // namespace Waymark

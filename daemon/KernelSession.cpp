@@ -1,0 +1,211 @@
+#include "daemon/KernelSession.h"
+
+#include <cerrno>
+#include <sstream>
+
+#include "kernel/ChildProcess.h"
+#include "kernel/MangleReadback.h"
+#include "kernel/NetlinkCommandRunner.h"
+#include "kernel/QuietCommandRunner.h"
+#include "plugin/AclPlugin.h"
+
+namespace Waymark {
+
+KernelSession::KernelSession(const std::string& statePath, double childTimeLimit,
+                             const std::function<void(const std::string&)>& log)
+    : childTimeLimit_(childTimeLimit),
+      log_(log),
+      journal_(statePath),
+      shellRunner_(std::make_unique<Kernel::QuietCommandRunner>(childTimeLimit)),
+      netlinkRunner_(std::make_unique<Kernel::NetlinkCommandRunner>(routing_, *shellRunner_)),
+      journaled_(journal_, routing_, *shellRunner_),
+      restore_(childTimeLimit) {
+  // The dispatch chain's set-up and the start's batches form one
+  // transaction per family.
+  asyncWriter_.hold();
+}
+
+bool KernelSession::open(const ConfigModel& model, std::string* error, bool* foreignMangle) {
+  if (!guardMangleTable(model, error, foreignMangle)) return false;
+  // Subscribed before the kernel is read, so that nothing another tool
+  // adds in between goes unseen.
+  if (!routingEvents_.open(error)) return false;
+  journal_.load();
+  std::vector<Kernel::PolicyRule> rules;
+  std::vector<Kernel::RouteTableId> tables;
+  for (const bool v6 : {false, true}) {
+    for (const auto& rule : routing_.rules(v6)) rules.push_back(rule);
+    for (const auto& [table, routes] : routing_.routeTables(v6)) tables.push_back({v6, table});
+  }
+  foreign_ = ForeignNumbers::of(rules, tables, journal_);
+  previous_ = std::make_unique<PreviousRun>(journal_, rules);
+  return true;
+}
+
+bool KernelSession::guardMangleTable(const ConfigModel& model, std::string* error,
+                                     bool* foreignMangle) {
+  std::vector<std::string> foreign;
+  for (const bool v6 : {false, true}) {
+    std::string readError;
+    const std::string save = Kernel::MangleReadback::save(v6, childTimeLimit_, &readError);
+    if (!readError.empty()) {
+      *error = "cannot read the mangle table: " + readError;
+      return false;
+    }
+    existingChains_[v6 ? 1 : 0] = Kernel::MangleReadback::chains(save);
+    for (const auto& line : Kernel::MangleReadback::foreign(save)) {
+      foreign.push_back(std::string(v6 ? "ip6tables" : "iptables") + " -t mangle " + line);
+    }
+  }
+  if (foreign.empty()) return true;
+  const bool takeOver = model.mangleTable == MangleTable::takeOver;
+  for (const auto& line : foreign) {
+    log_(std::string(takeOver ? "taking over the mangle table, flushing: " : "foreign: ") + line);
+  }
+  if (takeOver) return true;
+  *foreignMangle = true;
+  *error = "the mangle table holds " + std::to_string(foreign.size()) +
+           " rule(s) or chain(s) that waymark did not write, which its start would flush; "
+           "refusing to start (remove them, or say 'mangle-table: take-over')";
+  return false;
+}
+
+Pbr::CommandRunner& KernelSession::runner(CommandExecutor executor) {
+  journaled_.nextIs(executor == CommandExecutor::netlink ? *netlinkRunner_ : *shellRunner_);
+  return journaled_;
+}
+
+void KernelSession::reserveNumbers(Pbr::NexthopTableManager& manager) {
+  foreign_.reserveIn(manager);
+}
+
+void KernelSession::adopt(Pbr::NexthopTableManager& manager,
+                          const std::vector<Velnet::IpGenAddr>& nexthops) {
+  previous_->adoptInto(manager, nexthops);
+  for (const auto& [rule, nexthop] : previous_->adoptedRules()) {
+    journaled_.keepInPlace(rule, nexthop);
+  }
+}
+
+void KernelSession::nexthopsProgrammed() {
+  asyncWriter_.commit(existingChains_[0], existingChains_[1]);
+}
+
+void KernelSession::rulesWritten(Pbr::NexthopTableManager& manager) {
+  journaled_.keepNothing();
+  removeLeftovers();
+  // The previous run's numbers are free now; another's stay reserved.
+  previous_->release(manager);
+  foreign_.reserveIn(manager);
+  log_("started: " + std::to_string(asyncWriter_.transactions()) +
+       " start-up transaction(s) written whole, " +
+       std::to_string(asyncWriter_.transactionFallbacks()) + " written batch by batch; " +
+       std::to_string(leftoverRulesRemoved_) + " rule(s) and " +
+       std::to_string(leftoverTablesRemoved_) + " table(s) of the previous run removed");
+  if (asyncWriter_.transactionFallbacks() != 0) {
+    log_("a start-up transaction was refused: " + asyncWriter_.fallbackReason());
+  }
+}
+
+void KernelSession::removeLeftovers() {
+  // Rules first, so that a marked packet never meets a rule whose table has
+  // just been emptied.
+  for (const auto& rule : journal_.leftoverRules()) {
+    const int result = routing_.deleteRule(rule);
+    if (result != 0 && result != -ENOENT) continue;
+    journal_.ruleReleased(rule);
+    if (result == 0) ++leftoverRulesRemoved_;
+  }
+  for (const auto& table : journal_.leftoverTables()) {
+    const int removed = routing_.flushTable(table.v6, table.table);
+    if (removed < 0) continue;
+    journal_.tableReleased(table);
+    if (removed > 0) ++leftoverTablesRemoved_;
+  }
+  if (!journal_.compact()) log_(journal_.error());
+}
+
+void KernelSession::handleRoutingEvents(Pbr::NexthopTableManager& manager) {
+  routingEvents_.handle({[&](const auto& r) { noticeRule(r, manager); },
+                         [&](const auto& t) { noticeRoute(t, manager); },
+                         [&] { noticeAll(manager); }});
+}
+
+void KernelSession::noticeRule(const Kernel::PolicyRule& rule, Pbr::NexthopTableManager& manager) {
+  // waymark's own rules are journaled before they are added; one it has
+  // deleted again since is no longer in the kernel.
+  if (journal_.holds(rule) || !routing_.hasRule(rule)) return;
+  if (!foreign_.addRule(rule)) return;
+  foreign_.reserveIn(manager);
+  log_("another tool's rule at priority " + std::to_string(rule.priority) + " (table " +
+       std::to_string(rule.table) + ", mark " + std::to_string(rule.mark) +
+       "): its numbers are reserved");
+}
+
+void KernelSession::noticeRoute(const Kernel::RouteTableId& table,
+                                Pbr::NexthopTableManager& manager) {
+  if (table.table == 0 || (table.table >= 253 && table.table <= 255)) return;
+  if (journal_.holds(table) || !routing_.hasRoutes(table)) return;
+  if (!foreign_.addTable(table.table)) return;
+  foreign_.reserveIn(manager);
+  log_("another tool's routes in table " + std::to_string(table.table) + ": it is reserved");
+}
+
+void KernelSession::noticeAll(Pbr::NexthopTableManager& manager) {
+  for (const bool v6 : {false, true}) {
+    for (const auto& rule : routing_.rules(v6)) noticeRule(rule, manager);
+    for (const auto& [table, routes] : routing_.routeTables(v6)) noticeRoute({v6, table}, manager);
+  }
+}
+
+void KernelSession::takeWriterOutcomes(Pbr::AclPlugin& plugin) {
+  for (const auto& o : asyncWriter_.takeOutcomes()) {
+    const auto option = o.type == Acl::aclTypeIpv6 ? PolicyMap::matchIpv6 : PolicyMap::matchIpv4;
+    if (const auto typeData = plugin.aclHelper()->aclTypeData(option)) {
+      typeData->iptablesManager()->outcomeIs(o.result, o.text);
+    }
+  }
+}
+
+void KernelSession::catchUp(Pbr::AclPlugin& plugin) {
+  handleRoutingEvents(*plugin.nexthopTableManager());
+  takeWriterOutcomes(plugin);
+}
+
+void KernelSession::describe(nlohmann::json& status) const {
+  status["startup"]["leftoverRulesRemoved"] = leftoverRulesRemoved_;
+  status["startup"]["leftoverTablesRemoved"] = leftoverTablesRemoved_;
+  status["reserved"] = foreign_.toJson();
+  if (previous_) status["previousRun"] = previous_->toJson();
+  status["journal"] = {{"numbersHeld", journal_.size()},
+                       {"journalLines", journal_.journalLines()},
+                       {"error", journal_.error()}};
+}
+
+void KernelSession::removeEverything() {
+  journal_.load();
+  for (const auto& rule : journal_.rules()) routing_.deleteRule(rule);
+  for (const auto& table : journal_.tables()) routing_.flushTable(table.v6, table.table);
+  for (const bool v6 : {false, true}) {
+    const char* tool = v6 ? "ip6tables" : "iptables";
+    const auto listing = Kernel::ChildProcess::run({tool, "-w", "-t", "mangle", "-S"}, "", 30);
+    std::istringstream in(listing.output);
+    std::string text;
+    std::vector<std::string> chains;
+    for (std::string line; std::getline(in, line);) {
+      if (line == "-A PREROUTING -j TAMBRO_PBR_INTF") text += "-D PREROUTING -j TAMBRO_PBR_INTF\n";
+      if (line.rfind("-N PBR_", 0) == 0 || line == "-N TAMBRO_PBR_INTF")
+        chains.push_back(line.substr(3));
+    }
+    for (const auto& c : chains) text += "-F " + c + "\n";
+    for (const auto& c : chains) text += "-X " + c + "\n";
+    if (text.empty()) continue;
+    const auto result = restore_.writeNow(v6 ? Acl::aclTypeIpv6 : Acl::aclTypeIpv4,
+                                          "*mangle\n" + text + "COMMIT\n");
+    if (!result.ok) log_(result.error);
+  }
+  journal_.remove();
+  log_("removed waymark's chains, rules and tables");
+}
+
+}  // namespace Waymark

@@ -1,0 +1,91 @@
+// Waymark::KernelSession: the daemon's real kernel, as the router core sees
+// it (RouterKernel). It reads what the previous run and other tools left
+// (the state journal, the kernel's rules and tables, the mangle table),
+// owns the ways to the kernel (the shell and rtnetlink executors behind the
+// journal; iptables-restore through the asynchronous writer, held for the
+// start's transaction), follows other tools' rules and routes, and removes
+// the previous run's leftovers once the start's rules are written.
+// `waymarkd --cleanup` uses removeEverything().
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "daemon/ConfigModel.h"
+#include "daemon/ForeignNumbers.h"
+#include "daemon/PreviousRun.h"
+#include "daemon/RouterKernel.h"
+#include "kernel/AsyncIptablesWriter.h"
+#include "kernel/JournaledCommandRunner.h"
+#include "kernel/KernelRouting.h"
+#include "kernel/RestoreIptablesWriter.h"
+#include "kernel/RoutingEvents.h"
+#include "kernel/StateJournal.h"
+
+namespace Waymark {
+
+class KernelSession : public RouterKernel {
+ public:
+  // REQUIRES: `log` outlives the session.
+  KernelSession(const std::string& statePath, double childTimeLimit,
+                const std::function<void(const std::string&)>& log);
+
+  // Reads the mangle table, the journal and the kernel's rules and tables,
+  // and subscribes to rule and route announcements first. False with
+  // `error` set when it cannot, or when the mangle table holds another
+  // tool's rules that `model` does not say to take over (`foreignMangle`
+  // set then).
+  bool open(const ConfigModel& model, std::string* error, bool* foreignMangle);
+  // Removes waymark's chains, rules and tables, and the journal.
+  void removeEverything();
+
+  // The descriptors to wait on, and what to do when they are ready.
+  int routingEventsFd() const { return routingEvents_.fd(); }
+  int writerFd() const { return asyncWriter_.fd(); }
+  void handleRoutingEvents(Pbr::NexthopTableManager& manager);
+  void takeWriterOutcomes(Pbr::AclPlugin& plugin);
+
+  Pbr::CommandRunner& runner(CommandExecutor executor) override;
+  AclUtils::IptablesWriter& writer() override { return asyncWriter_; }
+  void reserveNumbers(Pbr::NexthopTableManager& manager) override;
+  void adopt(Pbr::NexthopTableManager& manager,
+             const std::vector<Velnet::IpGenAddr>& nexthops) override;
+  void nexthopsProgrammed() override;
+  bool writing() const override { return !asyncWriter_.idle(); }
+  void rulesWritten(Pbr::NexthopTableManager& manager) override;
+  void catchUp(Pbr::AclPlugin& plugin) override;
+  void describe(nlohmann::json& status) const override;
+
+ private:
+  // False when the mangle table holds another tool's rules and the
+  // configuration does not say to take it over; names them either way.
+  bool guardMangleTable(const ConfigModel& model, std::string* error, bool* foreignMangle);
+  // A rule or route another tool adds: its numbers are never handed out.
+  void noticeRule(const Kernel::PolicyRule& rule, Pbr::NexthopTableManager& manager);
+  void noticeRoute(const Kernel::RouteTableId& table, Pbr::NexthopTableManager& manager);
+  // Reads every rule and table again, after missed announcements.
+  void noticeAll(Pbr::NexthopTableManager& manager);
+  void removeLeftovers();
+
+  const double childTimeLimit_;
+  const std::function<void(const std::string&)> log_;
+  Kernel::StateJournal journal_;
+  ForeignNumbers foreign_;
+  // The user chains of each family's mangle table (IPv4, IPv6) at start,
+  // which the start's transaction replaces.
+  std::set<std::string> existingChains_[2];
+  std::unique_ptr<PreviousRun> previous_;
+  Kernel::KernelRouting routing_;
+  Kernel::RoutingEvents routingEvents_;
+  std::unique_ptr<Pbr::CommandRunner> shellRunner_;
+  std::unique_ptr<Pbr::CommandRunner> netlinkRunner_;
+  Kernel::JournaledCommandRunner journaled_;
+  AclUtils::RestoreIptablesWriter restore_;
+  Kernel::AsyncIptablesWriter asyncWriter_{restore_};
+  uint32_t leftoverRulesRemoved_ = 0;
+  uint32_t leftoverTablesRemoved_ = 0;
+};
+
+}  // namespace Waymark

@@ -1,0 +1,178 @@
+#include "daemon/Router.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "daemon/ConfigLoader.h"
+#include "daemon/StatusReport.h"
+#include "framework/ActivityManager.h"
+#include "plugin/StateDatabase.h"
+
+namespace Waymark {
+
+const char* phaseName(StartupPhase phase) {
+  switch (phase) {
+    case StartupPhase::programmingNexthops:
+      return "programming nexthops";
+    case StartupPhase::writingRules:
+      return "writing rules";
+    case StartupPhase::removingLeftovers:
+      return "removing leftovers";
+    case StartupPhase::running:
+      break;
+  }
+  return "running";
+}
+
+Router::Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string configPath)
+    : kernel_(kernel),
+      clock_(clock),
+      configPath_(std::move(configPath)),
+      startedAt_(clock.now()) {
+  Pbr::fillStateDatabase(*store_, {pbrConfig_, policyStatus_, aclConfig_, ipStatus_, ip6Status_});
+}
+
+void Router::startPlugin() {
+  plugin_ = Pbr::aclPluginFactory("waymark");
+  plugin_->init(Vix::make<Acl::PluginContext>(
+      store_, &kernel_.runner(model_.tunables.commandExecutor), &kernel_.writer()));
+}
+
+void Router::start(const ConfigModel& model) {
+  model_ = model;
+  gate_.prepare(model_);
+  startPlugin();
+  kernel_.reserveNumbers(*plugin_->nexthopTableManager());
+  kernel_.adopt(*plugin_->nexthopTableManager(), ConfigGate::nexthopsNamed(model_));
+  applyTunables(model_.tunables);
+  gate_.begin(plugin_->nexthopTableManager(), model_);
+}
+
+void Router::turn() {
+  const double began = clock_.now();
+  // One timer per turn: each is bounded by its own time slice, and the
+  // loop serves its sockets between them.
+  Vix::activityManager().runDue(1);
+  gate_.applyWhenQuiet(model_);
+  advanceStartup();
+  kernel_.reserveNumbers(*plugin_->nexthopTableManager());
+  longestTurn_ = std::max(longestTurn_, clock_.now() - began);
+}
+
+void Router::advanceStartup() {
+  if (phase_ == StartupPhase::programmingNexthops) {
+    if (gate_.startingUp() || gate_.waiting() || !StatusReport::idle(*plugin_)) return;
+    phase_ = StartupPhase::writingRules;
+    kernel_.nexthopsProgrammed();
+  }
+  if (phase_ == StartupPhase::writingRules) {
+    if (kernel_.writing()) return;
+    phase_ = StartupPhase::removingLeftovers;
+    kernel_.rulesWritten(*plugin_->nexthopTableManager());
+    phase_ = StartupPhase::running;
+  }
+}
+
+std::string Router::reload() {
+  ++reloads_;
+  try {
+    model_ = ConfigLoader::loadFile(configPath_);
+  } catch (const ConfigError& e) {
+    ++reloadsFailed_;
+    lastReloadError_ = e.what();
+    return lastReloadError_;
+  }
+  applyTunables(model_.tunables);
+  gate_.requestApply();
+  gate_.applyWhenQuiet(model_);
+  lastReloadError_.clear();
+  return "";
+}
+
+bool Router::idle() const {
+  return phase_ == StartupPhase::running && !gate_.waiting() && StatusReport::idle(*plugin_) &&
+         !kernel_.writing();
+}
+
+void Router::applyTunables(const Tunables& t) {
+  auto& manager = *plugin_->nexthopTableManager();
+  manager.commandRunnerIs(&kernel_.runner(t.commandExecutor));
+  manager.nexthopProgrammingTimeLimitIs(t.nexthopProgrammingTimeLimit);
+  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
+    const auto typeData = plugin_->aclHelper()->aclTypeDataIs(option);
+    typeData->rulesPerInvocationIs(t.rulesPerInvocation);
+    typeData->ruleProgrammingTimeLimitIs(t.ruleProgrammingTimeLimit);
+  }
+}
+
+std::string Router::setTunable(const std::string& name, const std::string& value) {
+  Tunables t = model_.tunables;
+  const std::string error = t.assign(name, value);
+  if (!error.empty()) return error;
+  model_.tunables = t;
+  applyTunables(t);
+  return "";
+}
+
+nlohmann::json Router::addresses() const {
+  nlohmann::json out = nlohmann::json::object();
+  ipStatus_->ipIntfStatusMap().forEach([&](const Ip::IpIntfStatus& intf) {
+    nlohmann::json addrs = nlohmann::json::array();
+    if (intf.activeAddrWithMask() != Velnet::IpAddrWithMask()) {
+      addrs.push_back(intf.activeAddrWithMask().stringValue());
+    }
+    for (const auto& [addr, active] : intf.activeSecondaryWithMask()) {
+      if (active) addrs.push_back(addr.stringValue());
+    }
+    out[intf.key().stringValue()] = addrs;
+  });
+  return out;
+}
+
+nlohmann::json Router::status() const {
+  nlohmann::json status = StatusReport::build(*plugin_);
+  status["idle"] = idle();
+  status["interfaces"] = addresses();
+  const auto& manager = *plugin_->nexthopTableManager();
+  uint32_t programmed = 0;
+  manager.programmedSet().forEach([&](const auto&, bool p) { programmed += p ? 1 : 0; });
+  status["startup"] = {{"phase", phaseName(phase_)},
+                       {"nexthopsProgrammed", programmed},
+                       {"nexthopsPending", manager.pendingNexthops().members()}};
+  status["daemon"] = {
+      {"config", configPath_},
+      {"uptime", clock_.now() - startedAt_},
+      {"longestLoopTurn", longestTurn_},
+      {"reloads", reloads_},
+      {"reloadsFailed", reloadsFailed_},
+      {"lastReloadError", lastReloadError_},
+      {"commandExecutor",
+       model_.tunables.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
+      {"startingUp", phase_ != StartupPhase::running},
+      {"configWaiting", gate_.waiting()},
+      {"writerIdle", !kernel_.writing()}};
+  kernel_.describe(status);
+  return status;
+}
+
+nlohmann::json Router::handle(const nlohmann::json& request) {
+  const std::string command = request.value("command", "");
+  if (command == "status") return status();
+  if (command == "reload") {
+    const std::string error = reload();
+    return {{"ok", error.empty()}, {"error", error}};
+  }
+  if (command == "set") {
+    const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
+    return {{"ok", error.empty()}, {"error", error}};
+  }
+  if (command == "idle") {
+    // What the kernel has already reported counts as work not yet done:
+    // take it in first, so that a change made just before asking is seen.
+    kernel_.catchUp(*plugin_);
+    return {{"idle", idle()}};
+  }
+  return {{"ok", false}, {"error", "unknown command '" + command + "'"}};
+}
+
+}  // namespace Waymark

@@ -1,0 +1,97 @@
+// Waymark::Router: the router core of waymarkd, everything but the event
+// loop and the kernel itself. It holds the state database and its entities,
+// the plug-in, the configuration applier and gate, the tunables, the start's
+// phases, and answers the control requests (status, reload, set, idle). It
+// is built with its kernel (runners and writer, RouterKernel) and its clock
+// passed in, so that tests and benchmarks drive the real core with fakes on
+// virtual time. The Daemon owns one and calls turn() once per loop pass.
+//
+// The start: the configuration goes in without its policies, every nexthop
+// the policies name is referenced and programmed, then the policies follow
+// (ConfigGate), the held rules are written, and what the previous run left is
+// removed. The phases are what the status shows.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "daemon/ConfigApplier.h"
+#include "daemon/ConfigGate.h"
+#include "daemon/ConfigModel.h"
+#include "daemon/InterfaceStatusSync.h"
+#include "daemon/RouterKernel.h"
+#include "framework/TimeSource.h"
+#include "plugin/AclPlugin.h"
+#include "policymap/Stordb.h"
+
+namespace Waymark {
+
+enum class StartupPhase { programmingNexthops, writingRules, removingLeftovers, running };
+const char* phaseName(StartupPhase phase);
+
+class Router {
+ public:
+  // REQUIRES: `kernel` and `clock` outlive the router.
+  Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string configPath);
+
+  // Creates the plug-in over what the entities hold now, with the kernel's
+  // runner and writer.
+  void startPlugin();
+  // Starts with `model`: the plug-in, the numbers the previous run held,
+  // the tunables, and the first references of the gate.
+  void start(const ConfigModel& model);
+  // One pass of the loop: one due timer, the gate, the start's phases.
+  void turn();
+
+  // Answers a control request.
+  nlohmann::json handle(const nlohmann::json& request);
+  // Loads the file again and applies the difference; "" or why not.
+  std::string reload();
+  // No kernel work pending anywhere, the start included.
+  bool idle() const;
+  nlohmann::json status() const;
+
+  StartupPhase phase() const { return phase_; }
+  const ConfigModel& model() const { return model_; }
+  InterfaceStatusSync& interfaces() { return interfaces_; }
+  const Vix::Ptr<Pbr::Config>& pbrConfig() const { return pbrConfig_; }
+  const Vix::Ptr<Acl::Config>& aclConfig() const { return aclConfig_; }
+  const Vix::Ptr<Ip::Status>& ipStatus() const { return ipStatus_; }
+  const Vix::Ptr<Ip6::Status>& ip6Status() const { return ip6Status_; }
+  const Vix::Ptr<PolicyMap::PolicyMapTypeStatus>& policyStatus() const { return policyStatus_; }
+  // REQUIRES: the plug-in has started.
+  Pbr::AclPlugin& plugin() const { return *plugin_; }
+
+ private:
+  void advanceStartup();
+  std::string setTunable(const std::string& name, const std::string& value);
+  void applyTunables(const Tunables& t);
+  // Each interface's IPv4 addresses as the router knows them, primary first.
+  nlohmann::json addresses() const;
+
+  RouterKernel& kernel_;
+  const Vix::TimeSource& clock_;
+  const std::string configPath_;
+  ConfigModel model_;
+  Vix::Ptr<Stordb::EntityManager> store_ = Vix::make<Stordb::EntityManager>();
+  Vix::Ptr<Pbr::Config> pbrConfig_ = Vix::make<Pbr::Config>();
+  Vix::Ptr<Acl::Config> aclConfig_ = Vix::make<Acl::Config>();
+  Vix::Ptr<PolicyMap::PolicyMapTypeStatus> policyStatus_ =
+      Vix::make<PolicyMap::PolicyMapTypeStatus>();
+  Vix::Ptr<Ip::Status> ipStatus_ = Vix::make<Ip::Status>();
+  Vix::Ptr<Ip6::Status> ip6Status_ = Vix::make<Ip6::Status>();
+  InterfaceStatusSync interfaces_{ipStatus_, ip6Status_};
+  ConfigApplier applier_{pbrConfig_, aclConfig_};
+  ConfigGate gate_{applier_};
+  Vix::Ptr<Pbr::AclPlugin> plugin_;
+  StartupPhase phase_ = StartupPhase::programmingNexthops;
+  double startedAt_;
+  double longestTurn_ = 0.0;
+  uint32_t reloads_ = 0;
+  uint32_t reloadsFailed_ = 0;
+  std::string lastReloadError_;
+};
+
+}  // namespace Waymark

@@ -1,0 +1,55 @@
+// Waymark::RouterKernel: what the router core needs of the kernel besides
+// the plug-in itself: the routing-command runner for each executor, the
+// iptables writer, and the start's kernel steps (numbers that others or the
+// previous run hold, the start's transaction, the removal of what the
+// previous run left). The daemon's KernelSession is the real one; a dry run
+// prints; tests record (tests/support/FakeRouterKernel.h).
+//
+// The steps have do-nothing defaults: a kernel with no previous run, no
+// other tool and a writer that answers at once needs none of them.
+#pragma once
+
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "daemon/Tunables.h"
+#include "kernel/CommandRunner.h"
+#include "kernel/IptablesWriter.h"
+#include "net/IpGenAddr.h"
+
+namespace Pbr {
+class AclPlugin;
+class NexthopTableManager;
+}  // namespace Pbr
+
+namespace Waymark {
+
+class RouterKernel {
+ public:
+  virtual ~RouterKernel() = default;
+
+  // The runner the nexthop manager uses while `executor` is chosen.
+  virtual Pbr::CommandRunner& runner(CommandExecutor executor) = 0;
+  virtual AclUtils::IptablesWriter& writer() = 0;
+
+  // Keeps out of the manager's hands the numbers another tool uses; after
+  // every loop turn, since a number waymark lets go of may be one of them.
+  virtual void reserveNumbers(Pbr::NexthopTableManager&) {}
+  // Before the start references `nexthops`: those the previous run held
+  // get their numbers back, and their rules and routes stay in place.
+  virtual void adopt(Pbr::NexthopTableManager&, const std::vector<Velnet::IpGenAddr>&) {}
+  // The start's nexthops are programmed: what was held back is written.
+  virtual void nexthopsProgrammed() {}
+  // True while written rules are still on their way.
+  virtual bool writing() const { return false; }
+  // The start's rules are in the kernel: what the previous run held and
+  // this one did not take again goes.
+  virtual void rulesWritten(Pbr::NexthopTableManager&) {}
+  // Takes in what the kernel has reported and nobody has read yet.
+  virtual void catchUp(Pbr::AclPlugin&) {}
+  // Adds the kernel side's fields to a status.
+  virtual void describe(nlohmann::json&) const {}
+};
+
+}  // namespace Waymark
