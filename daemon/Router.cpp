@@ -25,10 +25,7 @@ const char* phaseName(StartupPhase phase) {
 }
 
 Router::Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string configPath)
-    : kernel_(kernel),
-      clock_(clock),
-      configPath_(std::move(configPath)),
-      startedAt_(clock.now()) {
+    : kernel_(kernel), clock_(clock), configPath_(std::move(configPath)), startedAt_(clock.now()) {
   Pbr::fillStateDatabase(*store_, {pbrConfig_, policyStatus_, aclConfig_, ipStatus_, ip6Status_});
 }
 

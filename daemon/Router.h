@@ -56,6 +56,7 @@ class Router {
   StartupPhase phase() const { return phase_; }
   const ConfigModel& model() const { return model_; }
   InterfaceStatusSync& interfaces() { return interfaces_; }
+  const Vix::Ptr<Stordb::EntityManager>& store() const { return store_; }
   const Vix::Ptr<Pbr::Config>& pbrConfig() const { return pbrConfig_; }
   const Vix::Ptr<Acl::Config>& aclConfig() const { return aclConfig_; }
   const Vix::Ptr<Ip::Status>& ipStatus() const { return ipStatus_; }

@@ -8,7 +8,7 @@
 
 #include "daemon/ConfigGate.h"
 #include "daemon/ConfigLoader.h"
-#include "tests/plugin/PbrSystemFixture.h"
+#include "tests/plugin/PbrSystemTest.h"
 
 namespace waymark::test {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "daemon/ConfigApplier.h"
 #include "daemon/ConfigLoader.h"
-#include "tests/plugin/PbrSystemFixture.h"
+#include "tests/plugin/PbrSystemTest.h"
 
 namespace waymark::test {
 namespace {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "daemon/ConfigLoader.h"
+#include "tests/plugin/PbrSystemTest.h"
 #include "tests/support/KernelText.h"
 #include "tests/support/KernelTextHarness.h"
 

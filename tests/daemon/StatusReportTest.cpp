@@ -4,7 +4,7 @@
 
 #include "cli/StatusFormatter.h"
 #include "daemon/StatusReport.h"
-#include "tests/plugin/PbrSystemFixture.h"
+#include "tests/plugin/PbrSystemTest.h"
 
 namespace waymark::test {
 namespace {

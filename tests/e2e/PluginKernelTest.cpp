@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/plugin/PbrSystemFixture.h"
 #include "tests/support/NetworkNamespace.h"
+#include "tests/support/PbrSystem.h"
 
 namespace waymark::test {
 namespace {
@@ -27,7 +27,7 @@ class PluginKernel : public ::testing::Test {
     ns_->addLinkPair("wm2", "wm3");
     ns_->run("ip addr add 192.0.2.254/24 dev wm0 && ip addr add 198.51.100.254/24 dev wm2");
     ns_->run("ip -6 addr add 2001:db8::fe/64 dev wm0 nodad");
-    w_ = std::make_unique<PbrSystemTest>();
+    w_ = std::make_unique<PbrSystem>();
   }
 
   Lines read(const std::string& command, const std::string& keep = "") {
@@ -48,11 +48,11 @@ class PluginKernel : public ::testing::Test {
   }
 
   std::unique_ptr<NetworkNamespace> ns_;
-  std::unique_ptr<PbrSystemTest> w_;
+  std::unique_ptr<PbrSystem> w_;
 };
 
 TEST_F(PluginKernel, APolicyComesUpFailsOverAndBackAndGoes) {
-  PbrSystemTest& w = *w_;
+  PbrSystem& w = *w_;
   w.accessList("web", {"10 permit tcp any any eq 80"});
   w.accessList("web6", {"10 permit tcp any any eq 80"}, true);
   w.classMap("web", {"web"});
@@ -113,7 +113,7 @@ TEST_F(PluginKernel, APolicyComesUpFailsOverAndBackAndGoes) {
 }
 
 TEST_F(PluginKernel, AWaitingNexthopASharedNexthopAndAPassthroughSwitch) {
-  PbrSystemTest& w = *w_;
+  PbrSystem& w = *w_;
   w.accessList("web", {"10 permit tcp any any eq 80"});
   w.classMap("web", {"web"});
   w.address("wm2", "198.51.100.254/24");

@@ -8,7 +8,7 @@
 #include "plugin/NexthopActionSm.h"
 #include "plugin/NoActionSm.h"
 #include "plugin/PbrClassMapSm.h"
-#include "tests/plugin/PbrSystemFixture.h"
+#include "tests/plugin/PbrSystemTest.h"
 
 namespace waymark::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/plugin/PbrSystemFixture.h"
+#include "tests/plugin/PbrSystemTest.h"
 #include "tests/support/MangleModel.h"
 
 namespace waymark::test {

@@ -2,7 +2,7 @@
 // complete, whatever the state database reports.
 #include <gtest/gtest.h>
 
-#include "tests/plugin/PbrSystemFixture.h"
+#include "tests/plugin/PbrSystemTest.h"
 
 namespace waymark::test {
 namespace {
@@ -13,8 +13,8 @@ TEST_F(Startup, InitMountsNinePathsInOrderAndClosesTheGroupOnce) {
   Cell::cellIdIs(42);
   start();
   Cell::cellIdIs(1);
-  ASSERT_EQ(store->mountGroups().size(), 1u);
-  const auto& group = *store->mountGroups()[0];
+  ASSERT_EQ(router.store()->mountGroups().size(), 1u);
+  const auto& group = *router.store()->mountGroups()[0];
   EXPECT_TRUE(group.closed());
   EXPECT_EQ(group.mounts(),
             (std::vector<Stordb::Mount>{
@@ -31,8 +31,8 @@ TEST_F(Startup, InitMountsNinePathsInOrderAndClosesTheGroupOnce) {
 }
 
 TEST_F(Startup, MissingMountsStillBuildEverythingAroundOneManager) {
-  store = Vix::make<Stordb::EntityManager>();
-  start();
+  const auto plugin = Pbr::aclPluginFactory("waymark");
+  plugin->init(Vix::make<Acl::PluginContext>(Vix::make<Stordb::EntityManager>(), &runner, &writer));
   ASSERT_TRUE(plugin->nexthopTableManager());
   ASSERT_TRUE(plugin->aclHelper());
   ASSERT_TRUE(plugin->pbrAclPluginSm());

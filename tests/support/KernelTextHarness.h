@@ -1,5 +1,5 @@
 // Runs a configuration file's text through everything between it and the
-// kernel: the loader, the applier and the whole plug-in on virtual time,
+// kernel: the loader and the whole router core on virtual time,
 // with every interface the file names given addresses that cover the
 // documentation ranges, so that its nexthops are programmed too. It returns
 // what would reach the kernel's tools, for the checks of KernelText.h.
@@ -9,9 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "daemon/ConfigApplier.h"
 #include "daemon/ConfigLoader.h"
-#include "tests/plugin/PbrSystemFixture.h"
+#include "tests/support/PbrSystem.h"
 
 namespace waymark::test {
 
@@ -23,15 +22,13 @@ struct KernelTexts {
 // REQUIRES: `text` loads (the loader's ConfigError passes through).
 inline KernelTexts kernelTextsOf(const std::string& text) {
   const Waymark::ConfigModel model = Waymark::ConfigLoader::loadString(text, "fuzz.yaml");
-  PbrSystemTest world;
+  PbrSystem world;
   for (const auto& [intf, policyName] : model.interfaces) {
     world.address(intf.stringValue(), "192.0.2.254/24");
     world.address6(intf.stringValue(), "2001:db8::fe/32");
   }
-  Waymark::ConfigApplier applier(world.pbrConfig, world.aclConfig);
-  applier.apply(model);
-  world.start();
-  world.settle();
+  world.router.start(model);
+  world.runUntilIdle();
   KernelTexts out;
   out.lines = world.writer.lines(Acl::aclTypeIpv4);
   for (auto& l : world.writer.lines(Acl::aclTypeIpv6)) out.lines.push_back(std::move(l));

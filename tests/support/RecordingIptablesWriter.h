@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "policymap/IptablesManager.h"
+#include "kernel/IptablesWriter.h"
 #include "tests/support/VirtualClock.h"
 
 namespace waymark::test {

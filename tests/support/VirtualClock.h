@@ -18,6 +18,7 @@ class VirtualClock {
   VirtualClock& operator=(const VirtualClock&) = delete;
 
   double now() const { return source_.now(); }
+  const Vix::TimeSource& source() const { return source_; }
   void advance(double seconds) { source_.advance(seconds); }
   void nowIs(double t) { source_.nowIs(t); }
   // Runs the due timers once, as one pass of the event loop would.

@@ -1,0 +1,153 @@
+// The router core's start and control requests, on virtual time, with a
+// kernel that records.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/plugin/PbrSystemTest.h"
+
+namespace waymark::test {
+namespace {
+
+const std::string kConfig = R"(access-lists:
+  web: [permit tcp any any eq 80]
+class-maps:
+  web: [web]
+policy-maps:
+  edge:
+    - class: web
+      nexthops: [192.0.2.1]
+interfaces:
+  eth1: edge
+)";
+
+class RouterTest : public PbrSystemTest {
+ protected:
+  RouterTest() { address("eth1", "192.0.2.254/24"); }
+  nlohmann::json ask(const nlohmann::json& request) { return router.handle(request); }
+  nlohmann::json status() { return ask({{"command", "status"}}); }
+  // Starts with kConfig and runs until idle, forgetting what the start wrote.
+  void started() {
+    startRouter(kConfig);
+    ASSERT_TRUE(runUntilIdle());
+    runner.take();
+    writer.clear();
+  }
+  std::string commands() const { return ::testing::PrintToString(runner.commands); }
+};
+
+TEST_F(RouterTest, TheStartProgramsNexthopsThenWritesRulesThenRemovesLeftovers) {
+  startRouter(kConfig);
+  EXPECT_EQ(status()["startup"]["phase"], "programming nexthops");
+  EXPECT_FALSE(ask({{"command", "idle"}})["idle"]);
+  // The rules are written while the writer still has the start's
+  // transaction on its way.
+  kernel.busy = true;
+  for (int i = 0; i < 1000 && router.phase() != Waymark::StartupPhase::writingRules; ++i) {
+    router.turn();
+  }
+  EXPECT_EQ(status()["startup"]["phase"], "writing rules");
+  EXPECT_EQ(kernel.nexthopsProgrammedCalls, 1);
+  EXPECT_EQ(kernel.rulesWrittenCalls, 0);
+  ASSERT_FALSE(runUntilIdle());
+  kernel.busy = false;
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_EQ(kernel.rulesWrittenCalls, 1);
+  const auto s = status();
+  EXPECT_EQ(s["startup"]["phase"], "running");
+  EXPECT_EQ(s["startup"]["nexthopsProgrammed"], 1);
+  EXPECT_FALSE(s["daemon"]["startingUp"]);
+  // The nexthop was programmed, and the policy's rules mark for it.
+  ASSERT_FALSE(runner.commands.empty());
+  EXPECT_EQ(runner.commands.back(), "ip rule add priority 2 fwmark 2 lookup 2") << commands();
+  bool marked = false;
+  for (const auto& line : writer.lines(Acl::aclTypeIpv4)) {
+    marked = marked || line.find("-j MARK --set-mark 0x2") != std::string::npos;
+  }
+  EXPECT_TRUE(marked);
+}
+
+TEST_F(RouterTest, TheStatusDescribesTheRouterItself) {
+  started();
+  clock.advance(5);
+  const auto s = status();
+  EXPECT_TRUE(s["idle"]);
+  EXPECT_EQ(s["daemon"]["config"], configFile);
+  EXPECT_GE(s["daemon"]["uptime"].get<double>(), 5.0);
+  EXPECT_EQ(s["daemon"]["commandExecutor"], "shell");
+  EXPECT_EQ(s["interfaces"]["eth1"], nlohmann::json::array({"192.0.2.254/24"}));
+  EXPECT_TRUE(s["daemon"]["writerIdle"]);
+}
+
+TEST_F(RouterTest, ARefusedReloadChangesNothingAndSaysWhy) {
+  started();
+  writeConfig("policy-maps:\n  edge:\n    - class: nowhere\n");
+  const auto reply = ask({{"command", "reload"}});
+  EXPECT_FALSE(reply["ok"]);
+  EXPECT_NE(reply["error"].get<std::string>().find("nowhere"), std::string::npos) << reply;
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_TRUE(runner.commands.empty()) << commands();
+  EXPECT_TRUE(writer.batches.empty());
+  const auto s = status();
+  EXPECT_EQ(s["daemon"]["reloads"], 1);
+  EXPECT_EQ(s["daemon"]["reloadsFailed"], 1);
+  EXPECT_EQ(s["daemon"]["lastReloadError"], reply["error"]);
+  EXPECT_TRUE(plugin->pbrAclPluginSm()->policyMapSm("edge"));
+}
+
+TEST_F(RouterTest, AnAcceptedReloadAppliesOnlyTheDifference) {
+  started();
+  std::string text = kConfig;
+  text.replace(text.find("192.0.2.1]"), 9, "192.0.2.7");
+  writeConfig(text);
+  const auto reply = ask({{"command", "reload"}});
+  EXPECT_TRUE(reply["ok"]) << reply;
+  ASSERT_TRUE(runUntilIdle());
+  bool added = false;
+  for (const auto& c : runner.commands) {
+    added = added || c.find("via 192.0.2.7") != std::string::npos;
+  }
+  EXPECT_TRUE(added) << commands();
+  const auto s = status();
+  EXPECT_EQ(s["daemon"]["reloads"], 1);
+  EXPECT_EQ(s["daemon"]["reloadsFailed"], 0);
+  EXPECT_EQ(s["daemon"]["lastReloadError"], "");
+}
+
+TEST_F(RouterTest, SetChangesOneTunableAndRefusesWhatIsOutOfRange) {
+  started();
+  auto reply = ask({{"command", "set"}, {"tunable", "command-executor"}, {"value", "netlink"}});
+  EXPECT_TRUE(reply["ok"]) << reply;
+  EXPECT_EQ(status()["daemon"]["commandExecutor"], "netlink");
+  EXPECT_EQ(kernel.executors.back(), Waymark::CommandExecutor::netlink);
+
+  reply = ask({{"command", "set"}, {"tunable", "rules-per-invocation"}, {"value", "0"}});
+  EXPECT_FALSE(reply["ok"]);
+  EXPECT_NE(reply["error"].get<std::string>().find("from 1 to"), std::string::npos) << reply;
+  reply = ask({{"command", "set"}, {"tunable", "speed"}, {"value", "1"}});
+  EXPECT_FALSE(reply["ok"]);
+  EXPECT_NE(reply["error"].get<std::string>().find("unknown tunable"), std::string::npos);
+  EXPECT_EQ(router.model().tunables.rulesPerInvocation, Waymark::Tunables().rulesPerInvocation);
+}
+
+TEST_F(RouterTest, IdleTakesInWhatTheKernelReportedBeforeAnswering) {
+  started();
+  EXPECT_TRUE(ask({{"command", "idle"}})["idle"]);
+  EXPECT_EQ(kernel.catchUps, 1);
+  // A change the kernel reported and nobody has read yet: a nexthop whose
+  // subnet goes away is work to do.
+  address("eth1", "");
+  EXPECT_FALSE(ask({{"command", "idle"}})["idle"]);
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_TRUE(ask({{"command", "idle"}})["idle"]);
+}
+
+TEST_F(RouterTest, AnUnknownCommandIsRefusedByName) {
+  started();
+  const auto reply = ask({{"command", "restart"}});
+  EXPECT_FALSE(reply["ok"]);
+  EXPECT_EQ(reply["error"], "unknown command 'restart'");
+}
+
+}  // namespace
+}  // namespace waymark::test

@@ -1,0 +1,47 @@
+// The router core's kernel for tests: routing commands and iptables batches
+// are recorded (RecordingCommandRunner, RecordingIptablesWriter) whichever
+// executor is chosen, or, once realTools() is called, run by the real `ip`
+// and iptables-restore. It counts the start's steps and the catch-ups that
+// idle requests ask for, and can keep the writer busy for a while, as the
+// asynchronous writer is while a transaction is on its way.
+#pragma once
+
+#include "daemon/RouterKernel.h"
+#include "kernel/RestoreIptablesWriter.h"
+#include "tests/support/RecordingCommandRunner.h"
+#include "tests/support/RecordingIptablesWriter.h"
+
+namespace waymark::test {
+
+class FakeRouterKernel : public Waymark::RouterKernel {
+ public:
+  Pbr::CommandRunner& runner(Waymark::CommandExecutor executor) override {
+    executors.push_back(executor);
+    return real_ ? static_cast<Pbr::CommandRunner&>(system_) : recordingRunner;
+  }
+  AclUtils::IptablesWriter& writer() override {
+    return real_ ? static_cast<AclUtils::IptablesWriter&>(restore_) : recordingWriter;
+  }
+  void nexthopsProgrammed() override { ++nexthopsProgrammedCalls; }
+  bool writing() const override { return busy; }
+  void rulesWritten(Pbr::NexthopTableManager&) override { ++rulesWrittenCalls; }
+  void catchUp(Pbr::AclPlugin&) override { ++catchUps; }
+
+  // From now on the real tools do the work.
+  void realTools() { real_ = true; }
+
+  RecordingCommandRunner recordingRunner;
+  RecordingIptablesWriter recordingWriter;
+  std::vector<Waymark::CommandExecutor> executors;  // each runner() asked for
+  bool busy = false;
+  int nexthopsProgrammedCalls = 0;
+  int rulesWrittenCalls = 0;
+  int catchUps = 0;
+
+ private:
+  bool real_ = false;
+  Pbr::SystemCommandRunner system_;
+  AclUtils::RestoreIptablesWriter restore_;
+};
+
+}  // namespace waymark::test
