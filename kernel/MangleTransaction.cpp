@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <utility>
 
 namespace Kernel {
 
@@ -25,10 +26,19 @@ size_t position(const std::string& word) {
 
 }  // namespace
 
-MangleTransaction::Chain* MangleTransaction::chain(const std::string& name) {
+const MangleTransaction::Chain* MangleTransaction::chain(const std::string& name) const {
   const auto it =
       std::find_if(chains_.begin(), chains_.end(), [&](const Chain& c) { return c.first == name; });
   return it == chains_.end() ? nullptr : &*it;
+}
+
+MangleTransaction::Chain* MangleTransaction::chain(const std::string& name) {
+  return const_cast<Chain*>(std::as_const(*this).chain(name));
+}
+
+const std::vector<std::string>* MangleTransaction::rules(const std::string& name) const {
+  const Chain* c = chain(name);
+  return c == nullptr ? nullptr : &c->second;
 }
 
 bool MangleTransaction::add(const std::string& batch) {

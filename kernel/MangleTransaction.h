@@ -34,12 +34,16 @@ class MangleTransaction {
   // The one framed transaction onto a mangle table that holds the user
   // chains `existing`. REQUIRES: foldable().
   std::string text(const std::set<std::string>& existing) const;
+  // The rules (match and target, as written) chain `name` holds after what
+  // was replayed; nothing when there is no such chain.
+  const std::vector<std::string>* rules(const std::string& name) const;
 
  private:
   using Chain = std::pair<std::string, std::vector<std::string>>;
 
   bool replay(const std::string& line);
   Chain* chain(const std::string& name);
+  const Chain* chain(const std::string& name) const;
 
   bool started_ = false;
   bool foldable_ = true;

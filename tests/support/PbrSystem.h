@@ -23,8 +23,8 @@
 #include "policymap/AclRuleParser.h"
 #include "policymap/Cell.h"
 #include "policymap/PlatformEntities.h"
-#include "tests/support/FakeRouterKernel.h"
 #include "tests/support/AccessLists.h"
+#include "tests/support/FakeRouterKernel.h"
 #include "tests/support/TraceCapture.h"
 #include "tests/support/VirtualClock.h"
 
