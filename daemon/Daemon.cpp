@@ -154,20 +154,22 @@ bool Daemon::start(std::string* error) {
   netlink_ = std::make_unique<NetlinkListener>(
       [this](const NetlinkListener::Interface& shown) { router_->interfaces().publish(shown); });
   if (!netlink_->open(error)) return false;
-  if (session_) {
-    bool foreignMangle = false;
-    if (!session_->open(model_, error, &foreignMangle)) {
-      if (foreignMangle) startFailure_ = kExitForeignMangle;
-      return false;
-    }
+  bool foreignMangle = false;
+  if (session_ && !session_->open(model_, error, &foreignMangle)) {
+    if (foreignMangle) startFailure_ = kExitForeignMangle;
+    return false;
   }
   router_->start(model_);
 
   control_ = std::make_unique<ControlServer>(
       [this](const nlohmann::json& request) { return handleRequest(request); });
-  if (!control_->listen(options_.socket, error)) return false;
+  if (!control_->listen(options_.socket, error) || !watch(mask, error)) return false;
+  log("running with " + options_.config);
+  return true;
+}
 
-  signals_ = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+bool Daemon::watch(const sigset_t& signals, std::string* error) {
+  signals_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
   timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
   epoll_ = epoll_create1(EPOLL_CLOEXEC);
   if (signals_ < 0 || timer_ < 0 || epoll_ < 0) {
@@ -185,7 +187,6 @@ bool Daemon::start(std::string* error) {
     ev.data.fd = fd;
     epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &ev);
   }
-  log("running with " + options_.config);
   return true;
 }
 

@@ -14,6 +14,8 @@
 // socket. The router's start then goes on, on the loop.
 #pragma once
 
+#include <signal.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -66,6 +68,8 @@ class Daemon {
 
  private:
   bool start(std::string* error);
+  // Opens the loop's own descriptors and waits on them and the others.
+  bool watch(const sigset_t& signals, std::string* error);
   void loop();
   // Waits at most `timeout` ms (-1: until something happens) and handles
   // what is ready: signals, netlink events, control requests, the kernel
