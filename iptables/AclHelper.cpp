@@ -15,12 +15,24 @@ AclUtils::RestoreIptablesWriter restoreWriter;
 
 std::string hex(uint32_t value) {
   static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
+  char digits[8];
+  size_t n = 0;
   do {
-    out.insert(out.begin(), kDigits[value & 0xf]);
+    digits[7 - n++] = kDigits[value & 0xf];
     value >>= 4;
   } while (value != 0);
-  return out;
+  return std::string(digits + 8 - n, n);
+}
+
+// "-R CHAIN POSITION RULE\n", or "-A CHAIN RULE\n" when `position` is 0, built
+// in one buffer: a policy's start composes two of these per sub-rule.
+std::string ruleLine(const std::string& chain, uint32_t position, const std::string& rule) {
+  const std::string number = position != 0 ? std::to_string(position) : "";
+  std::string line;
+  line.reserve(chain.size() + number.size() + rule.size() + 6);
+  line.append(position != 0 ? "-R " : "-A ").append(chain).append(" ");
+  if (position != 0) line.append(number).append(" ");
+  return line.append(rule).append("\n");
 }
 
 }  // namespace
@@ -150,8 +162,10 @@ Vix::String8 AclHelper::addRule(const PolicyMap::AclRuleKey& aclRuleKey,
                                 const PolicyMap::SubRuleData& subRuleData,
                                 const PolicyData& policyData, const ClassData& classData) {
   VIX_TRACE(8, "addRule " << aclRuleKey.strDesc());
-  const auto* forwarding = dynamic_cast<const ClassForwarding*>(classData.get());
-  VIX_ASSERT(forwarding, "classData");
+  // Every class reaches the rules through the plug-in's class factory, so its
+  // data is a ClassForwarding; the sanitized build checks the downcast.
+  VIX_ASSERT(classData, "classData");
+  const auto* forwarding = static_cast<const ClassForwarding*>(classData.get());
   const Velnet::IpGenAddr nexthop = forwarding->nexthopValue();
   const auto typeData = aclTypeData(aclRuleKey.matchOption());
   VIX_ASSERT(typeData, "typeData");
@@ -177,15 +191,14 @@ Vix::String8 AclHelper::addRule(const PolicyMap::AclRuleKey& aclRuleKey,
   const uint32_t position = acl->ruleIndex(key);
   if (position != 0) {
     for (uint32_t i = 0; i < 2; ++i) {
-      typeData->enqueueRule("-R " + acl->chainName() + " " + std::to_string(position + i) + " " +
-                            rules[i] + "\n");
+      typeData->enqueueRule(ruleLine(acl->chainName(), position + i, rules[i]));
     }
     return "";
   }
   acl->lastIndexInc(1);
   acl->ruleIndexIs(key, acl->lastIndex());
   acl->lastIndexInc(1);
-  for (const auto& r : rules) typeData->enqueueRule("-A " + acl->chainName() + " " + r + "\n");
+  for (const auto& r : rules) typeData->enqueueRule(ruleLine(acl->chainName(), 0, r));
   return "";
 }
 

@@ -19,7 +19,7 @@
 
 namespace Pbr {
 
-class ClassCommonData : public PolicyMap::ClassMapSmCommonData, public ClassForwarding {
+class ClassCommonData : public ClassForwarding {
  public:
   class NotifieeConst : public Vix::Notifiee<ClassCommonData> {
    public:
@@ -30,7 +30,7 @@ class ClassCommonData : public PolicyMap::ClassMapSmCommonData, public ClassForw
   ClassCommonData(const std::string& name,
                   const Vix::Ptr<const PolicyMap::ClassMapSubConfig>& classMap,
                   const Vix::Ptr<const Acl::Config>& aclConfig)
-      : PolicyMap::ClassMapSmCommonData(name, classMap, aclConfig) {}
+      : ClassForwarding(name, classMap, aclConfig) {}
 
   const Velnet::IpGenAddr& nexthopValue() const override { return nexthopValue_; }
   void nexthopValueIs(const Velnet::IpGenAddr& nexthop) {
