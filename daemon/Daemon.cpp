@@ -159,7 +159,7 @@ bool Daemon::start(std::string* error) {
     if (foreignMangle) startFailure_ = kExitForeignMangle;
     return false;
   }
-  router_->start(model_);
+  router_->start(std::move(model_));
 
   control_ = std::make_unique<ControlServer>(
       [this](const nlohmann::json& request) { return handleRequest(request); });

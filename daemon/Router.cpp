@@ -35,8 +35,8 @@ void Router::startPlugin() {
       store_, &kernel_.runner(model_.tunables.commandExecutor), &kernel_.writer()));
 }
 
-void Router::start(const ConfigModel& model) {
-  model_ = model;
+void Router::start(ConfigModel model) {
+  model_ = std::move(model);
   gate_.prepare(model_);
   startPlugin();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());

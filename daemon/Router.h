@@ -39,9 +39,10 @@ class Router {
   // Creates the plug-in over what the entities hold now, with the kernel's
   // runner and writer.
   void startPlugin();
-  // Starts with `model`: the plug-in, the numbers the previous run held,
-  // the tunables, and the first references of the gate.
-  void start(const ConfigModel& model);
+  // Starts with `model` (kept, not copied: a large configuration's model is
+  // a good part of the daemon's memory): the plug-in, the numbers the
+  // previous run held, the tunables, and the first references of the gate.
+  void start(ConfigModel model);
   // One pass of the loop: one due timer, the gate, the start's phases.
   void turn();
 
