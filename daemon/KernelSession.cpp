@@ -1,9 +1,7 @@
 #include "daemon/KernelSession.h"
 
 #include <cerrno>
-#include <sstream>
 
-#include "kernel/ChildProcess.h"
 #include "kernel/MangleReadback.h"
 #include "kernel/NetlinkCommandRunner.h"
 #include "kernel/QuietCommandRunner.h"
@@ -187,18 +185,11 @@ void KernelSession::removeEverything() {
   for (const auto& rule : journal_.rules()) routing_.deleteRule(rule);
   for (const auto& table : journal_.tables()) routing_.flushTable(table.v6, table.table);
   for (const bool v6 : {false, true}) {
-    const char* tool = v6 ? "ip6tables" : "iptables";
-    const auto listing = Kernel::ChildProcess::run({tool, "-w", "-t", "mangle", "-S"}, "", 30);
-    std::istringstream in(listing.output);
+    std::string error;
+    const std::string save = Kernel::MangleReadback::save(v6, childTimeLimit_, &error);
+    if (!error.empty()) log_(error);
     std::string text;
-    std::vector<std::string> chains;
-    for (std::string line; std::getline(in, line);) {
-      if (line == "-A PREROUTING -j TAMBRO_PBR_INTF") text += "-D PREROUTING -j TAMBRO_PBR_INTF\n";
-      if (line.rfind("-N PBR_", 0) == 0 || line == "-N TAMBRO_PBR_INTF")
-        chains.push_back(line.substr(3));
-    }
-    for (const auto& c : chains) text += "-F " + c + "\n";
-    for (const auto& c : chains) text += "-X " + c + "\n";
+    for (const auto& line : Kernel::MangleReadback::removal(save)) text += line + "\n";
     if (text.empty()) continue;
     const auto result = restore_.writeNow(v6 ? Acl::aclTypeIpv6 : Acl::aclTypeIpv4,
                                           "*mangle\n" + text + "COMMIT\n");

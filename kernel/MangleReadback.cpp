@@ -57,4 +57,18 @@ std::set<std::string> MangleReadback::chains(const std::string& save) {
   return out;
 }
 
+std::vector<std::string> MangleReadback::removal(const std::string& save) {
+  std::vector<std::string> out;
+  if (save.find("\n-A PREROUTING -j " + kDispatch + "\n") != std::string::npos) {
+    out.push_back("-D PREROUTING -j " + kDispatch);
+  }
+  std::vector<std::string> mine;
+  for (const auto& chain : chains(save)) {
+    if (ours(chain)) mine.push_back(chain);
+  }
+  for (const auto& chain : mine) out.push_back("-F " + chain);
+  for (const auto& chain : mine) out.push_back("-X " + chain);
+  return out;
+}
+
 }  // namespace Kernel

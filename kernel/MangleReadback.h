@@ -5,7 +5,7 @@
 // dispatch chain; an earlier run's are as much waymark's as this run's.
 // Everything else (a rule in a built-in chain, a chain of another name and
 // its rules) is another tool's, which the dispatch chain's set-up would
-// flush. Used by the daemon before that set-up.
+// flush. Used by the daemon before that set-up, and by `--cleanup`.
 #pragma once
 
 #include <set>
@@ -24,6 +24,10 @@ class MangleReadback {
   static std::vector<std::string> foreign(const std::string& save);
   // The user chains of `save`, waymark's and others'.
   static std::set<std::string> chains(const std::string& save);
+  // The iptables-restore lines that remove waymark's part of `save` and
+  // nothing else: the jump from PREROUTING, then every waymark chain
+  // flushed, then deleted. Empty when there is nothing of waymark's.
+  static std::vector<std::string> removal(const std::string& save);
 };
 
 }  // namespace Kernel

@@ -40,5 +40,20 @@ TEST(MangleReadbackTest, AnEmptyTableOrWaymarksAloneHasNothingForeign) {
   EXPECT_TRUE(Kernel::MangleReadback::foreign("").empty());
 }
 
+TEST(MangleReadbackTest, CleanupRemovesWaymarksChainsAndJumpAndNothingElse) {
+  const std::string save =
+      "*mangle\n:PREROUTING ACCEPT [0:0]\n:OPERATOR - [0:0]\n:PBR_1_edge - [0:0]\n"
+      ":TAMBRO_PBR_INTF - [0:0]\n-A PREROUTING -j OPERATOR\n-A PREROUTING -j TAMBRO_PBR_INTF\n"
+      "-A PBR_1_edge -p tcp -j ACCEPT\n-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\nCOMMIT\n";
+  EXPECT_EQ(
+      Kernel::MangleReadback::removal(save),
+      (std::vector<std::string>{"-D PREROUTING -j TAMBRO_PBR_INTF", "-F PBR_1_edge",
+                                "-F TAMBRO_PBR_INTF", "-X PBR_1_edge", "-X TAMBRO_PBR_INTF"}));
+  EXPECT_TRUE(Kernel::MangleReadback::removal("*mangle\n:PREROUTING ACCEPT [0:0]\n"
+                                              ":OPERATOR - [0:0]\n-A PREROUTING -j OPERATOR\n"
+                                              "COMMIT\n")
+                  .empty());
+}
+
 }  // namespace
 }  // namespace waymark::test
