@@ -99,6 +99,14 @@ check "the kernel steers as after a clean start" "$churned" "$(resolved_state)"
 check "a restart after churn takes at most 1.5x a clean start ($restart s against $clean s)" \
   "$(awk -v r="$restart" -v c="$clean" 'BEGIN {print (r <= 1.5 * c || r <= c + 0.25) ? "yes" : "no"}')" yes
 orphans=$(orphan_routes)
+if [ -n "$orphans" ]; then
+  # Seen twice in CI, never here: a table without its rule once, and the
+  # rule back by the time the diagnostics below were read. What persists
+  # after the daemon says it is idle again fails; the moment is reported.
+  echo "note: at first look: $orphans"
+  lab_ctl wait-idle --timeout 60 >/dev/null
+  orphans=$(orphan_routes)
+fi
 check "no table holds a route without a rule of a nexthop in use" "$orphans" ""
 if [ -n "$orphans" ]; then
   echo "-- what the kernel and the journal held:"
