@@ -16,7 +16,8 @@ const char* kUsage =
     "usage: waymarkctl [--socket PATH] status|policies|nexthops|counters [--json]\n"
     "       waymarkctl [--socket PATH] reload\n"
     "       waymarkctl [--socket PATH] wait-idle [--timeout SECONDS]\n"
-    "       waymarkctl [--socket PATH] set TUNABLE VALUE\n";
+    "       waymarkctl [--socket PATH] set TUNABLE VALUE   (until the next reload)\n"
+    "       waymarkctl --help | --version\n";
 
 int usage() {
   std::fputs(kUsage, stderr);
@@ -56,7 +57,11 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
   if (command == "set" && args.size() == 3) {
     const auto reply = Waymark::controlRequest(
         socket, {{"command", "set"}, {"tunable", args[1]}, {"value", args[2]}});
-    if (reply.at("ok").get<bool>()) return 0;
+    if (reply.at("ok").get<bool>()) {
+      std::printf("%s is %s until the next reload; the file's value applies then\n",
+                  args[1].c_str(), args[2].c_str());
+      return 0;
+    }
     std::fprintf(stderr, "%s\n", reply.at("error").get<std::string>().c_str());
     return 1;
   }
@@ -99,6 +104,14 @@ int main(int argc, char** argv) {
     }
   }
   if (args.empty()) return usage();
+  if (args[0] == "--help") {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (args[0] == "--version") {
+    std::printf("waymarkctl %s\n", WAYMARK_VERSION);
+    return 0;
+  }
   try {
     return run(socket, args);
   } catch (const std::exception& e) {

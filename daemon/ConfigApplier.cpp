@@ -14,11 +14,9 @@ Vix::Ptr<PolicyMap::PolicyMapConfig> policyMap(const std::string& name,
                                                const std::vector<PolicyClassSpec>& classes) {
   std::vector<Vix::Ptr<PolicyMap::ClassMapConfig>> configs;
   for (const auto& c : classes) {
-    auto fwd = Vix::make<Pbr::PbrFwdAction>(c.nexthops);
-    fwd->nexthopGroupIs(c.nexthopGroup);
-    const uint8_t kind = !c.nexthops.empty()       ? PolicyMap::pbrFwdNexthops
-                         : !c.nexthopGroup.empty() ? PolicyMap::pbrFwdNexthopGroup
-                                                   : PolicyMap::pbrFwdNone;
+    // A named group reaches the plug-in as its list: the loader resolved it.
+    const auto fwd = Vix::make<Pbr::PbrFwdAction>(c.nexthops);
+    const uint8_t kind = c.nexthops.empty() ? PolicyMap::pbrFwdNone : PolicyMap::pbrFwdNexthops;
     auto action = Vix::make<PolicyMap::ClassAction>();
     action->actionIs(Vix::make<PolicyMap::Action>(PolicyMap::actionPbrFwd, kind, fwd));
     configs.push_back(Vix::make<PolicyMap::ClassMapConfig>(c.className, action));

@@ -19,6 +19,9 @@ class Reader {
  public:
   explicit Reader(std::string file) : file_(std::move(file)) {}
 
+  [[noreturn]] void failFile(const std::string& why) const {
+    throw ConfigError(file_ + ": " + why);
+  }
   [[noreturn]] void fail(const YamlNode& at, const std::string& why) const {
     throw ConfigError(file_ + ":" + std::to_string(at.line()) + ":" + std::to_string(at.column()) +
                       ": " + why);
@@ -119,6 +122,25 @@ AccessListSpec readAccessList(Reader& r, const std::string& listName, const Yaml
   return list;
 }
 
+// A non-empty list of distinct nexthop addresses, in order.
+std::vector<Velnet::IpGenAddr> readNexthopList(Reader& r, const YamlNode& node,
+                                               const std::string& what) {
+  r.requireSequence(node, what);
+  const auto items = node.items();
+  if (items.empty()) r.fail(node, what + " must name at least one address");
+  std::vector<Velnet::IpGenAddr> out;
+  for (const auto& nh : items) {
+    const std::string text = r.scalar(nh, "a nexthop");
+    const auto addr = Velnet::IpGenAddr::tryParse(text);
+    if (!addr) r.fail(nh, "invalid nexthop address " + Vix::quoted(text));
+    if (std::find(out.begin(), out.end(), *addr) != out.end()) {
+      r.fail(nh, "nexthop " + Vix::quoted(text) + " listed twice");
+    }
+    out.push_back(*addr);
+  }
+  return out;
+}
+
 PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YamlNode& node) {
   PolicyClassSpec entry;
   int targets = 0;
@@ -132,22 +154,17 @@ PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YamlN
       classNode = value;
     } else if (k == "nexthops") {
       ++targets;
-      r.requireSequence(value, "nexthops");
-      const auto nexthops = value.items();
-      if (nexthops.empty()) r.fail(value, "nexthops must name at least one address");
-      for (const auto& nh : nexthops) {
-        const std::string text = r.scalar(nh, "a nexthop");
-        const auto addr = Velnet::IpGenAddr::tryParse(text);
-        if (!addr) r.fail(nh, "invalid nexthop address " + Vix::quoted(text));
-        if (std::find(entry.nexthops.begin(), entry.nexthops.end(), *addr) !=
-            entry.nexthops.end()) {
-          r.fail(nh, "nexthop " + Vix::quoted(text) + " listed twice");
-        }
-        entry.nexthops.push_back(*addr);
-      }
+      entry.nexthops = readNexthopList(r, value, "nexthops");
     } else if (k == "nexthop-group") {
       ++targets;
       entry.nexthopGroup = r.name(value, "nexthop group name");
+      const auto group = model.nexthopGroups.find(entry.nexthopGroup);
+      if (group == model.nexthopGroups.end()) {
+        r.fail(value, "unknown nexthop group " + Vix::quoted(entry.nexthopGroup) +
+                          " (not in nexthop-groups)");
+      }
+      // Resolved here: the class selects over the group's list in its order.
+      entry.nexthops = group->second;
     } else {
       ++targets;
       entry.passthrough = r.boolean(value, "passthrough");
@@ -165,18 +182,33 @@ PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YamlN
   return entry;
 }
 
+// The sections that say what to steer; a file with none of them is empty or
+// cut short, and applying it would remove all steering.
+constexpr const char* kSteeringSections[] = {"access-lists", "class-maps", "policy-maps",
+                                             "interfaces"};
+
 ConfigModel readModel(Reader& r, const YamlNode& root) {
   ConfigModel model;
-  if (!root || root.isNull()) return model;
-  const auto top = r.entries(
-      root, "the configuration",
-      {"tunables", "mangle-table", "access-lists", "class-maps", "policy-maps", "interfaces"});
+  const std::string kEmpty =
+      "no access-lists, class-maps, policy-maps or interfaces: the file is empty or cut short "
+      "(say 'policy-maps: {}' to mean no policies)";
+  if (!root || root.isNull()) r.failFile(kEmpty);
+  const auto top = r.entries(root, "the configuration",
+                             {"tunables", "mangle-table", "nexthop-groups", "access-lists",
+                              "class-maps", "policy-maps", "interfaces"});
   auto section = [&](const char* name) {
     for (const auto& [key, value] : top) {
       if (key.scalar() == name) return value;
     }
     return YamlNode();
   };
+  if (const auto groups = section("nexthop-groups"); groups && !groups.isNull()) {
+    for (const auto& [key, value] : r.entries(groups, "nexthop-groups")) {
+      const std::string n = r.name(key, "nexthop group name");
+      model.nexthopGroups.emplace(
+          n, readNexthopList(r, value, "the nexthops of group " + Vix::quoted(n)));
+    }
+  }
   if (const auto t = section("tunables"); t && !t.isNull()) readTunables(r, t, model.tunables);
   if (const auto m = section("mangle-table")) model.mangleTable = r.mangleTable(m);
   if (const auto lists = section("access-lists"); lists && !lists.isNull()) {
@@ -231,6 +263,10 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
       }
       model.interfaces.emplace(Velnet::IntfId(intf), policy);
     }
+  }
+  if (std::none_of(std::begin(kSteeringSections), std::end(kSteeringSections),
+                   [&](const char* name) { return static_cast<bool>(section(name)); })) {
+    r.fail(root, kEmpty);
   }
   return model;
 }

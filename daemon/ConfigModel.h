@@ -30,6 +30,7 @@ struct AccessListSpec {
 struct PolicyClassSpec {
   std::string className;
   std::vector<Velnet::IpGenAddr> nexthops;  // in order: primary first
+  // The group the nexthops come from, when the class names one.
   std::string nexthopGroup;
   bool passthrough = false;
   bool operator==(const PolicyClassSpec&) const = default;
@@ -38,6 +39,8 @@ struct PolicyClassSpec {
 struct ConfigModel {
   Tunables tunables;
   MangleTable mangleTable = MangleTable::refuseIfForeign;
+  // Named nexthop lists, in order; classes that name one are resolved.
+  std::map<std::string, std::vector<Velnet::IpGenAddr>> nexthopGroups;
   std::map<std::string, AccessListSpec> accessLists;
   std::map<std::string, std::vector<std::string>> classMaps;
   // In configuration order.

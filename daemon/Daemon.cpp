@@ -47,7 +47,11 @@ bool parseNumber(const std::string& text, double low, double high, double* out) 
 
 const char* Daemon::usage() {
   return "usage: waymarkd [--config FILE] [--socket PATH] [--state FILE] [--trace-level N]\n"
-         "                [--cell-id N] [--child-time-limit S] [--check | --dry-run | --cleanup]\n";
+         "                [--cell-id N] [--child-time-limit S] [--check | --dry-run | --cleanup]\n"
+         "       waymarkd --help | --version\n"
+         "  --check      validate the configuration, print warnings, exit\n"
+         "  --dry-run    print the kernel commands of a start, without running them, and exit\n"
+         "  --cleanup    remove waymark's chains, rules and tables, and its state file\n";
 }
 
 std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::string* error) {
@@ -60,7 +64,11 @@ std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::st
     };
     std::optional<std::string> v;
     double n = 0;
-    if (arg == "--check") {
+    if (arg == "--help") {
+      o.help = true;
+    } else if (arg == "--version") {
+      o.version = true;
+    } else if (arg == "--check") {
       o.check = true;
     } else if (arg == "--dry-run") {
       o.dryRun = true;
@@ -95,7 +103,8 @@ Daemon::~Daemon() {
 }
 
 int Daemon::run() {
-  Vix::Trace::sinkIs(&stderrSink, options_.traceLevel);
+  const int traceLevel = options_.traceLevel >= 0 ? options_.traceLevel : options_.dryRun ? 3 : 4;
+  Vix::Trace::sinkIs(&stderrSink, traceLevel);
   // A child or a client that goes away early must cost an error, not the
   // daemon.
   signal(SIGPIPE, SIG_IGN);
@@ -129,7 +138,8 @@ int Daemon::run() {
     return startFailure_;
   }
   loop();
-  log("stopping; the kernel stays programmed");
+  log(options_.dryRun ? "dry run done: the start would be idle now; nothing was changed"
+                      : "stopping; the kernel stays programmed");
   return 0;
 }
 
@@ -197,6 +207,8 @@ void Daemon::loop() {
   while (!stop_) {
     serve(timeout);
     router_->turn();
+    // A dry run shows one start: it ends when the start would be idle.
+    if (options_.dryRun && router_->idle()) break;
     const double sleep = Vix::activityManager().sleepTime();
     itimerspec when{};
     if (sleep != Vix::kNever && sleep > 0) {

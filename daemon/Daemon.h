@@ -35,8 +35,12 @@ struct DaemonOptions {
   std::string config = "/etc/waymark/waymark.yaml";
   std::string socket = "/run/waymark/waymarkd.sock";
   std::string state = "/run/waymark/state.json";
-  int traceLevel = 4;
+  // 4 by default; 3 for a dry run, whose output is the commands themselves
+  // and must not repeat them as traces.
+  int traceLevel = -1;
   uint32_t cellId = 1;
+  bool help = false;
+  bool version = false;
   bool check = false;
   bool dryRun = false;
   bool cleanup = false;

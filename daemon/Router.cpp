@@ -6,6 +6,8 @@
 #include "daemon/ConfigLoader.h"
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
+#include "net/Ip6Prefix.h"
+#include "net/Prefix.h"
 #include "plugin/StateDatabase.h"
 
 namespace Waymark {
@@ -114,22 +116,66 @@ std::string Router::setTunable(const std::string& name, const std::string& value
 nlohmann::json Router::addresses() const {
   nlohmann::json out = nlohmann::json::object();
   ipStatus_->ipIntfStatusMap().forEach([&](const Ip::IpIntfStatus& intf) {
-    nlohmann::json addrs = nlohmann::json::array();
+    auto& addrs = out[intf.key().stringValue()] = nlohmann::json::array();
     if (intf.activeAddrWithMask() != Velnet::IpAddrWithMask()) {
       addrs.push_back(intf.activeAddrWithMask().stringValue());
     }
     for (const auto& [addr, active] : intf.activeSecondaryWithMask()) {
       if (active) addrs.push_back(addr.stringValue());
     }
-    out[intf.key().stringValue()] = addrs;
+  });
+  ip6Status_->intfMap().forEach([&](const Ip6::IntfStatus& intf) {
+    auto& addrs = out[intf.key().stringValue()];
+    if (addrs.is_null()) addrs = nlohmann::json::array();
+    for (const auto& [addr, info] : intf.addrs()) addrs.push_back(addr.stringValue());
   });
   return out;
 }
 
+std::string Router::interfaceOf(const Velnet::IpGenAddr& nexthop) const {
+  // The interface of the longest connected subnet that holds the nexthop.
+  std::string best;
+  int bestLen = -1;
+  auto consider = [&](const std::string& name, bool holds, int len) {
+    if (holds && len > bestLen) {
+      best = name;
+      bestLen = len;
+    }
+  };
+  if (nexthop.isV4()) {
+    ipStatus_->ipIntfStatusMap().forEach([&](const Ip::IpIntfStatus& intf) {
+      auto check = [&](const Velnet::IpAddrWithMask& a) {
+        if (a.maskLen() == 0) return;
+        consider(intf.key().stringValue(), Velnet::Prefix(a).contains(nexthop.v4()), a.maskLen());
+      };
+      check(intf.activeAddrWithMask());
+      for (const auto& [addr, active] : intf.activeSecondaryWithMask()) {
+        if (active) check(addr);
+      }
+    });
+  } else if (nexthop.isV6()) {
+    ip6Status_->intfMap().forEach([&](const Ip6::IntfStatus& intf) {
+      for (const auto& [addr, info] : intf.addrs()) {
+        if (addr.maskLen() == 0) continue;
+        consider(intf.key().stringValue(), Velnet::Ip6Prefix(addr).contains(nexthop.v6()),
+                 addr.maskLen());
+      }
+    });
+  }
+  return best;
+}
+
 nlohmann::json Router::status() const {
   nlohmann::json status = StatusReport::build(*plugin_);
+  status["version"] = WAYMARK_VERSION;
+  status["uptime"] = clock_.now() - startedAt_;
   status["idle"] = idle();
   status["interfaces"] = addresses();
+  for (auto& nexthop : status["nexthops"]) {
+    const auto address = Velnet::IpGenAddr::parse(nexthop["address"].get<std::string>());
+    const std::string intf = interfaceOf(address);
+    nexthop["interface"] = intf.empty() ? nlohmann::json() : nlohmann::json(intf);
+  }
   const auto& manager = *plugin_->nexthopTableManager();
   uint32_t programmed = 0;
   manager.programmedSet().forEach([&](const auto&, bool p) { programmed += p ? 1 : 0; });

@@ -70,8 +70,11 @@ class Router {
   void advanceStartup();
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
-  // Each interface's IPv4 addresses as the router knows them, primary first.
+  // Each interface's addresses as the router knows them: IPv4 primary
+  // first, then secondaries, then IPv6.
   nlohmann::json addresses() const;
+  // The interface whose connected subnet holds `nexthop` (the longest), or "".
+  std::string interfaceOf(const Velnet::IpGenAddr& nexthop) const;
 
   RouterKernel& kernel_;
   const Vix::TimeSource& clock_;

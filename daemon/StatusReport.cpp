@@ -13,6 +13,18 @@ using PolicyMap::ClassMapMatchOption;
 
 constexpr ClassMapMatchOption kFamilies[] = {PolicyMap::matchIpv4, PolicyMap::matchIpv6};
 
+// The class's whole nexthop list in its order, the one in use marked.
+json nexthopList(const Pbr::ClassCommonData* data) {
+  json out = json::array();
+  const auto selector = data ? data->masterNexthopSm() : nullptr;
+  const Pbr::PbrFwdAction* action = selector ? selector->nexthop() : nullptr;
+  if (action == nullptr) return out;
+  for (const auto& a : action->nexthops()) {
+    out.push_back({{"address", a.stringValue()}, {"inUse", a == data->nexthopValue()}});
+  }
+  return out;
+}
+
 json policies(const Pbr::AclPlugin& plugin) {
   json out = json::array();
   const auto& helper = *plugin.aclHelper();
@@ -31,8 +43,10 @@ json policies(const Pbr::AclPlugin& plugin) {
         const bool passthrough = data && data->passthroughConfigured();
         json nexthop = nullptr;
         if (data && !data->nexthopValue().isUnset()) nexthop = data->nexthopValue().stringValue();
-        classes.push_back(
-            {{"name", c->name()}, {"nexthop", nexthop}, {"passthrough", passthrough}});
+        classes.push_back({{"name", c->name()},
+                           {"nexthop", nexthop},
+                           {"nexthopList", nexthopList(data.get())},
+                           {"passthrough", passthrough}});
       }
       out.push_back({{"name", sm->key().name()},
                      {"family", PolicyMap::familyName(option)},

@@ -10,5 +10,13 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "waymarkd: %s\n%s", error.c_str(), Waymark::Daemon::usage());
     return 2;
   }
+  if (options->help) {
+    std::fputs(Waymark::Daemon::usage(), stdout);
+    return 0;
+  }
+  if (options->version) {
+    std::printf("waymarkd %s\n", WAYMARK_VERSION);
+    return 0;
+  }
   return Waymark::Daemon(*options).run();
 }

@@ -12,6 +12,8 @@ const std::string kExample = R"(tunables:
   rules-per-invocation: 300
   rule-programming-time-limit: 0.5
   command-executor: netlink
+nexthop-groups:
+  voice-group: [198.51.100.1, 192.0.2.9]
 access-lists:
   web:
     - 10 permit tcp 10.0.0.0/8 any eq 80 443
@@ -64,6 +66,9 @@ TEST(ConfigLoaderTest, TheDocumentedExampleLoads) {
             (std::vector<Velnet::IpGenAddr>{Velnet::IpGenAddr::parse("192.0.2.1"),
                                             Velnet::IpGenAddr::parse("192.0.2.9")}));
   EXPECT_EQ(edge[1].nexthopGroup, "voice-group");
+  EXPECT_EQ(edge[1].nexthops,
+            (std::vector<Velnet::IpGenAddr>{Velnet::IpGenAddr::parse("198.51.100.1"),
+                                            Velnet::IpGenAddr::parse("192.0.2.9")}));
   EXPECT_TRUE(edge[2].passthrough);
   EXPECT_EQ(m.interfaces.at(Velnet::IntfId("eth1")), "edge");
 }
@@ -89,16 +94,33 @@ TEST(ConfigLoaderTest, AnAnchorLetsClassesShareANexthopList) {
   EXPECT_EQ(classes[1].nexthops.size(), 2u);
 }
 
-TEST(ConfigLoaderTest, AnEmptyFileIsAnEmptyConfiguration) {
-  const auto m = ConfigLoader::loadString("", "f");
+// Applied, an empty or cut-short file would remove all steering.
+TEST(ConfigLoaderTest, AnEmptyOrCutShortFileIsRefusedAndNoPoliciesMustBeSaid) {
+  const std::string why =
+      "no access-lists, class-maps, policy-maps or interfaces: the file is empty or cut short "
+      "(say 'policy-maps: {}' to mean no policies)";
+  EXPECT_EQ(error(""), "waymark.yaml: " + why);
+  EXPECT_EQ(error("# nothing yet\n"), "waymark.yaml: " + why);
+  EXPECT_EQ(error("tunables:\n  rules-per-invocation: 10\n"), "waymark.yaml:1:1: " + why);
+  const auto m = ConfigLoader::loadString("policy-maps: {}\n", "f");
   EXPECT_TRUE(m.policyMaps.empty());
   EXPECT_EQ(m.tunables, Tunables());
+}
+
+TEST(ConfigLoaderTest, ANexthopGroupIsResolvedIntoItsClassesAndMustBeDefined) {
+  EXPECT_EQ(error("nexthop-groups:\n  up: [192.0.2.1, 192.0.2.1]\n"),
+            "waymark.yaml:2:19: nexthop '192.0.2.1' listed twice");
+  EXPECT_EQ(error("nexthop-groups:\n  up: []\n"),
+            "waymark.yaml:2:7: the nexthops of group 'up' must name at least one address");
+  EXPECT_EQ(error("access-lists: {a: [permit ip any any]}\nclass-maps: {c: [a]}\n"
+                  "policy-maps:\n  p:\n    - {class: c, nexthop-group: up}\n"),
+            "waymark.yaml:5:33: unknown nexthop group 'up' (not in nexthop-groups)");
 }
 
 TEST(ConfigLoaderTest, TheMangleTableIsTakenOverOnlyWhenTheFileSaysSo) {
   EXPECT_EQ(ConfigLoader::loadString("policy-maps: {}\n", "f").mangleTable,
             MangleTable::refuseIfForeign);
-  EXPECT_EQ(ConfigLoader::loadString("mangle-table: take-over\n", "f").mangleTable,
+  EXPECT_EQ(ConfigLoader::loadString("mangle-table: take-over\npolicy-maps: {}\n", "f").mangleTable,
             MangleTable::takeOver);
 }
 
@@ -142,15 +164,15 @@ TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
   EXPECT_EQ(error("interfaces:\n  \"eth1;reboot\": p\n"),
             "waymark.yaml:2:3: invalid interface name 'eth1;reboot' (1 to 15 letters, digits, "
             "'_', '.' or '-', not starting with '-')");
-  EXPECT_EQ(error("tunables:\n  rules-per-invocation: 0\n"),
+  EXPECT_EQ(error("tunables:\n  rules-per-invocation: 0\npolicy-maps: {}\n"),
             "waymark.yaml:2:25: rules-per-invocation must be a whole number from 1 to 100000, "
             "not '0'");
-  EXPECT_EQ(error("tunables:\n  rule-programming-time-limit: nan\n"),
+  EXPECT_EQ(error("tunables:\n  rule-programming-time-limit: nan\npolicy-maps: {}\n"),
             "waymark.yaml:2:32: rule-programming-time-limit must be a number of seconds from 0 "
             "to 3600, not 'nan'");
-  EXPECT_EQ(error("tunables:\n  command-executor: system\n"),
+  EXPECT_EQ(error("tunables:\n  command-executor: system\npolicy-maps: {}\n"),
             "waymark.yaml:2:21: command-executor must be shell or netlink, not 'system'");
-  EXPECT_EQ(error("mangle-table: flush\n"),
+  EXPECT_EQ(error("mangle-table: flush\npolicy-maps: {}\n"),
             "waymark.yaml:1:15: mangle-table must be refuse-if-foreign or take-over, not 'flush'");
   EXPECT_EQ(error("access-lists: [\n"),
             "waymark.yaml:2:1: did not find expected node content while parsing a flow node");

@@ -2,6 +2,7 @@
 // kernel that records.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
 #include "tests/plugin/PbrSystemTest.h"
@@ -68,15 +69,37 @@ TEST_F(RouterTest, TheStartProgramsNexthopsThenWritesRulesThenRemovesLeftovers) 
 }
 
 TEST_F(RouterTest, TheStatusDescribesTheRouterItself) {
+  address6("eth1", "2001:db8::fe/64");
   started();
   clock.advance(5);
   const auto s = status();
   EXPECT_TRUE(s["idle"]);
+  EXPECT_EQ(s["version"], WAYMARK_VERSION);
+  EXPECT_GE(s["uptime"].get<double>(), 5.0);
   EXPECT_EQ(s["daemon"]["config"], configFile);
-  EXPECT_GE(s["daemon"]["uptime"].get<double>(), 5.0);
   EXPECT_EQ(s["daemon"]["commandExecutor"], "shell");
-  EXPECT_EQ(s["interfaces"]["eth1"], nlohmann::json::array({"192.0.2.254/24"}));
+  EXPECT_EQ(s["interfaces"]["eth1"], nlohmann::json::array({"192.0.2.254/24", "2001:db8::fe/64"}));
   EXPECT_TRUE(s["daemon"]["writerIdle"]);
+}
+
+TEST_F(RouterTest, EachClassShowsItsWholeListAndEachNexthopItsInterface) {
+  address("eth2", "198.51.100.254/24");
+  std::string text = kConfig;
+  text.replace(text.find("[192.0.2.1]"), 11, "[198.51.100.9, 192.0.2.1, 203.0.113.1]");
+  startRouter(text);
+  ASSERT_TRUE(runUntilIdle());
+  const auto s = status();
+  const auto& web = s["policies"][0]["classes"][0];
+  EXPECT_EQ(web["nexthop"], "198.51.100.9");
+  EXPECT_EQ(web["nexthopList"], nlohmann::json::parse(R"([
+    {"address": "198.51.100.9", "inUse": true},
+    {"address": "192.0.2.1", "inUse": false},
+    {"address": "203.0.113.1", "inUse": false}])"));
+  std::map<std::string, nlohmann::json> interfaceOf;
+  for (const auto& n : s["nexthops"]) interfaceOf[n["address"]] = n["interface"];
+  EXPECT_EQ(interfaceOf["198.51.100.9"], "eth2");
+  EXPECT_EQ(interfaceOf["192.0.2.1"], "eth1");
+  EXPECT_TRUE(interfaceOf["203.0.113.1"].is_null());
 }
 
 TEST_F(RouterTest, ARefusedReloadChangesNothingAndSaysWhy) {
