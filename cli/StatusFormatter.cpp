@@ -86,6 +86,15 @@ std::string StatusFormatter::counters(const nlohmann::json& status) {
   return table({"GROUP", "COUNTER", "VALUE"}, rows);
 }
 
+std::string StatusFormatter::classTraffic(const nlohmann::json& reply) {
+  std::vector<Row> rows;
+  for (const auto& c : reply.at("classes")) {
+    rows.push_back({text(c.at("policy")), text(c.at("family")), text(c.at("class")),
+                    text(c.at("packets")), text(c.at("bytes"))});
+  }
+  return table({"POLICY", "FAMILY", "CLASS", "PACKETS", "BYTES"}, rows);
+}
+
 std::string StatusFormatter::all(const nlohmann::json& status) {
   return policies(status) + "\n" + nexthops(status) + "\n" +
          (status.at("idle").get<bool>() ? "idle: all kernel work done\n"

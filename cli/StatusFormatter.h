@@ -1,7 +1,8 @@
 // Turns waymarkd's JSON status into the aligned tables an operator reads at
 // a glance: policies (policy, family, chain, interfaces, class -> nexthop,
 // "passthrough" or "unresolved"), nexthops (address, refs, mark, table,
-// priority, state with the reason it is not programmed) and counters.
+// priority, state with the reason it is not programmed), counters and each
+// class's traffic.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -14,6 +15,8 @@ class StatusFormatter {
   static std::string policies(const nlohmann::json& status);
   static std::string nexthops(const nlohmann::json& status);
   static std::string counters(const nlohmann::json& status);
+  // Each class's traffic: the "classes" of a counters reply.
+  static std::string classTraffic(const nlohmann::json& reply);
   static std::string all(const nlohmann::json& status);
 };
 

@@ -32,6 +32,19 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
       command == "counters") {
     if (args.size() > 2 || (args.size() == 2 && !json)) return usage();
     const auto status = Waymark::controlRequest(socket, {{"command", "status"}});
+    if (command == "counters") {
+      const auto traffic = Waymark::controlRequest(socket, {{"command", "counters"}});
+      if (json) {
+        auto out = status.at("counters");
+        out["classes"] = traffic.at("classes");
+        std::printf("%s\n", out.dump(2).c_str());
+        return 0;
+      }
+      std::fputs((StatusFormatter::classTraffic(traffic) + "\n" + StatusFormatter::counters(status))
+                     .c_str(),
+                 stdout);
+      return 0;
+    }
     if (json) {
       const auto& part = command == "status" ? status : status.at(command);
       std::printf("%s\n", part.dump(2).c_str());

@@ -180,6 +180,13 @@ void KernelSession::describe(nlohmann::json& status) const {
                        {"error", journal_.error()}};
 }
 
+Kernel::MangleReadback::RuleCounters KernelSession::ruleCounters(bool v6) {
+  std::string error;
+  const std::string save = Kernel::MangleReadback::save(v6, childTimeLimit_, &error, true);
+  if (!error.empty()) log_("cannot read the counters: " + error);
+  return Kernel::MangleReadback::ruleCounters(save);
+}
+
 void KernelSession::removeEverything() {
   journal_.load();
   for (const auto& rule : journal_.rules()) routing_.deleteRule(rule);

@@ -57,6 +57,7 @@ class KernelSession : public RouterKernel {
   void rulesWritten(Pbr::NexthopTableManager& manager) override;
   void catchUp(Pbr::AclPlugin& plugin) override;
   void describe(nlohmann::json& status) const override;
+  Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override;
 
  private:
   // False when the mangle table holds another tool's rules and the

@@ -1,6 +1,7 @@
 #include "daemon/Router.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 #include "daemon/ConfigLoader.h"
@@ -165,6 +166,39 @@ std::string Router::interfaceOf(const Velnet::IpGenAddr& nexthop) const {
   return best;
 }
 
+nlohmann::json Router::classCounters() const {
+  nlohmann::json classes = nlohmann::json::array();
+  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
+    const auto typeData = plugin_->aclHelper()->aclTypeData(option);
+    if (!typeData) continue;
+    const auto counters = kernel_.ruleCounters(option == PolicyMap::matchIpv6);
+    for (const auto& sm : plugin_->pbrAclPluginSm()->policyMapSms()) {
+      const auto acl = typeData->acl(sm->key());
+      if (!sm->programmed(option) || !acl) continue;
+      // A class's traffic is what the first rule of each of its pairs saw:
+      // the pairs before it accepted what they matched.
+      std::map<std::string, Kernel::MangleReadback::Counter> perClass;
+      const auto chain = counters.find(acl->chainName());
+      acl->ruleIndexes().forEach([&](const Pbr::Iptables::SubRuleKey& key, uint32_t position) {
+        if (chain == counters.end() || position == 0 || position > chain->second.size()) return;
+        auto& sum = perClass[key.aclRuleKey().className()];
+        sum.packets += chain->second[position - 1].packets;
+        sum.bytes += chain->second[position - 1].bytes;
+      });
+      for (const auto& c : sm->classes()) {
+        if (c->subRules(sm->key(), option).empty()) continue;
+        const auto& sum = perClass[c->name()];
+        classes.push_back({{"policy", sm->key().name()},
+                           {"family", PolicyMap::familyName(option)},
+                           {"class", c->name()},
+                           {"packets", sum.packets},
+                           {"bytes", sum.bytes}});
+      }
+    }
+  }
+  return {{"classes", classes}};
+}
+
 nlohmann::json Router::status() const {
   nlohmann::json status = StatusReport::build(*plugin_);
   status["version"] = WAYMARK_VERSION;
@@ -208,6 +242,11 @@ nlohmann::json Router::handle(const nlohmann::json& request) {
   if (command == "set") {
     const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
     return {{"ok", error.empty()}, {"error", error}};
+  }
+  if (command == "counters") {
+    nlohmann::json reply = classCounters();
+    reply["counters"] = StatusReport::build(*plugin_)["counters"];
+    return reply;
   }
   if (command == "idle") {
     // What the kernel has already reported counts as work not yet done:

@@ -70,6 +70,9 @@ class Router {
   void advanceStartup();
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
+  // Each class's traffic, from the kernel's counters of its rules:
+  // {"classes": [{policy, family, class, packets, bytes}]}.
+  nlohmann::json classCounters() const;
   // Each interface's addresses as the router knows them: IPv4 primary
   // first, then secondaries, then IPv6.
   nlohmann::json addresses() const;

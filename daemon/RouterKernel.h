@@ -16,6 +16,7 @@
 #include "daemon/Tunables.h"
 #include "kernel/CommandRunner.h"
 #include "kernel/IptablesWriter.h"
+#include "kernel/MangleReadback.h"
 #include "net/IpGenAddr.h"
 
 namespace Pbr {
@@ -50,6 +51,8 @@ class RouterKernel {
   virtual void catchUp(Pbr::AclPlugin&) {}
   // Adds the kernel side's fields to a status.
   virtual void describe(nlohmann::json&) const {}
+  // The counters of the family's mangle rules, read back in one go.
+  virtual Kernel::MangleReadback::RuleCounters ruleCounters(bool /*v6*/) { return {}; }
 };
 
 }  // namespace Waymark

@@ -19,9 +19,11 @@ bool builtIn(const std::string& chain) {
 
 }  // namespace
 
-std::string MangleReadback::save(bool v6, double timeLimit, std::string* error) {
+std::string MangleReadback::save(bool v6, double timeLimit, std::string* error, bool counters) {
   const char* tool = v6 ? "ip6tables-save" : "iptables-save";
-  const auto r = Kernel::ChildProcess::run({tool, "-t", "mangle"}, "", timeLimit);
+  std::vector<std::string> argv = {tool, "-t", "mangle"};
+  if (counters) argv.push_back("-c");
+  const auto r = Kernel::ChildProcess::run(argv, "", timeLimit);
   if (!r.ok()) *error = std::string(tool) + " " + r.describe(timeLimit) + ": " + r.output;
   return r.output;
 }
@@ -53,6 +55,25 @@ std::set<std::string> MangleReadback::chains(const std::string& save) {
     if (line.size() < 2 || line[0] != ':') continue;
     const std::string name = line.substr(1, line.find(' ') - 1);
     if (!builtIn(name)) out.insert(name);
+  }
+  return out;
+}
+
+MangleReadback::RuleCounters MangleReadback::ruleCounters(const std::string& save) {
+  RuleCounters out;
+  std::istringstream in(save);
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] != '[') continue;
+    Counter c;
+    char open = 0;
+    char colon = 0;
+    char close = 0;
+    std::string op;
+    std::string chain;
+    std::istringstream words(line);
+    words >> open >> c.packets >> colon >> c.bytes >> close >> op >> chain;
+    if (!words || colon != ':' || close != ']' || op != "-A") continue;
+    out[chain].push_back(c);
   }
   return out;
 }

@@ -8,6 +8,8 @@
 // flush. Used by the daemon before that set-up, and by `--cleanup`.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,9 +18,18 @@ namespace Kernel {
 
 class MangleReadback {
  public:
-  // The table as iptables-save prints it; `error` set when it could not be
-  // read.
-  static std::string save(bool v6, double timeLimit, std::string* error);
+  struct Counter {
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+  };
+  // Each chain's rules' counters, in the chains' order.
+  using RuleCounters = std::map<std::string, std::vector<Counter>>;
+
+  // The table as iptables-save prints it, with each rule's counters when
+  // `counters`; `error` set when it could not be read.
+  static std::string save(bool v6, double timeLimit, std::string* error, bool counters = false);
+  // The counters of a save taken with counters ("[P:B] -A CHAIN ...").
+  static RuleCounters ruleCounters(const std::string& save);
   // The lines of `save` that are not waymark's: "-A ..." rules and "-N
   // CHAIN" for each chain of another name.
   static std::vector<std::string> foreign(const std::string& save);

@@ -165,6 +165,26 @@ TEST_F(RouterTest, IdleTakesInWhatTheKernelReportedBeforeAnswering) {
   EXPECT_TRUE(ask({{"command", "idle"}})["idle"]);
 }
 
+TEST_F(RouterTest, EachClassCountsWhatTheFirstRuleOfEachOfItsPairsSaw) {
+  std::string text = kConfig;
+  text.replace(text.find("  web: [permit tcp any any eq 80]"), 33,
+               "  web: [permit tcp any any eq 80, permit tcp any any eq 443]\n"
+               "  dns: [permit udp any any eq 53]");
+  text.replace(text.find("  web: [web]"), 12, "  web: [web]\n  dns: [dns]");
+  text.replace(text.find("interfaces:"), 11,
+               "    - class: dns\n      passthrough: true\ninterfaces:");
+  startRouter(text);
+  ASSERT_TRUE(runUntilIdle());
+  // Pairs: web port 80 at 1-2, web port 443 at 3-4, dns at 5-6.
+  kernel.counters[0][chain("edge")] = {{10, 1000}, {10, 1000}, {5, 700},
+                                       {5, 700},   {2, 90},    {2, 90}};
+  const auto reply = ask({{"command", "counters"}});
+  EXPECT_EQ(reply["classes"], nlohmann::json::parse(R"([
+    {"policy": "edge", "family": "ipv4", "class": "web", "packets": 15, "bytes": 1700},
+    {"policy": "edge", "family": "ipv4", "class": "dns", "packets": 2, "bytes": 90}])"));
+  EXPECT_TRUE(reply["counters"].contains("nexthops"));
+}
+
 TEST_F(RouterTest, AnUnknownCommandIsRefusedByName) {
   started();
   const auto reply = ask({{"command", "restart"}});

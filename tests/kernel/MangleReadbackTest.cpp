@@ -55,5 +55,19 @@ TEST(MangleReadbackTest, CleanupRemovesWaymarksChainsAndJumpAndNothingElse) {
                   .empty());
 }
 
+TEST(MangleReadbackTest, RuleCountersAreReadPerChainInOrder) {
+  const auto counters = Kernel::MangleReadback::ruleCounters(
+      "*mangle\n:PREROUTING ACCEPT [9:900]\n:PBR_1_edge - [0:0]\n"
+      "[5:300] -A PREROUTING -j TAMBRO_PBR_INTF\n[3:180] -A PBR_1_edge -p tcp -j MARK "
+      "--set-xmark 0x2/0xffffffff\n[3:180] -A PBR_1_edge -p tcp -j ACCEPT\n"
+      "[18446744073709551615:1] -A PBR_1_edge -p udp\nCOMMIT\n");
+  ASSERT_EQ(counters.size(), 2u);
+  ASSERT_EQ(counters.at("PBR_1_edge").size(), 3u);
+  EXPECT_EQ(counters.at("PBR_1_edge")[0].packets, 3u);
+  EXPECT_EQ(counters.at("PBR_1_edge")[1].bytes, 180u);
+  EXPECT_EQ(counters.at("PBR_1_edge")[2].packets, 18446744073709551615u);
+  EXPECT_EQ(counters.at("PREROUTING")[0].bytes, 300u);
+}
+
 }  // namespace
 }  // namespace waymark::test

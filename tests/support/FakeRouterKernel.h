@@ -2,8 +2,9 @@
 // are recorded (RecordingCommandRunner, RecordingIptablesWriter) whichever
 // executor is chosen, or, once realTools() is called, run by the real `ip`
 // and iptables-restore. It counts the start's steps and the catch-ups that
-// idle requests ask for, and can keep the writer busy for a while, as the
-// asynchronous writer is while a transaction is on its way.
+// idle requests ask for, can keep the writer busy for a while, as the
+// asynchronous writer is while a transaction is on its way, and answers
+// rule counters the test sets.
 #pragma once
 
 #include "daemon/RouterKernel.h"
@@ -26,6 +27,7 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   bool writing() const override { return busy; }
   void rulesWritten(Pbr::NexthopTableManager&) override { ++rulesWrittenCalls; }
   void catchUp(Pbr::AclPlugin&) override { ++catchUps; }
+  Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override { return counters[v6]; }
 
   // From now on the real tools do the work.
   void realTools() { real_ = true; }
@@ -34,6 +36,7 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   RecordingIptablesWriter recordingWriter;
   std::vector<Waymark::CommandExecutor> executors;  // each runner() asked for
   bool busy = false;
+  Kernel::MangleReadback::RuleCounters counters[2];  // what each family's read-back says
   int nexthopsProgrammedCalls = 0;
   int rulesWrittenCalls = 0;
   int catchUps = 0;
