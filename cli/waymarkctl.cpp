@@ -14,6 +14,7 @@ namespace {
 
 const char* kUsage =
     "usage: waymarkctl [--socket PATH] status|policies|nexthops|counters [--json]\n"
+    "       waymarkctl [--socket PATH] events [--json]\n"
     "       waymarkctl [--socket PATH] reload\n"
     "       waymarkctl [--socket PATH] wait-idle [--timeout SECONDS]\n"
     "       waymarkctl [--socket PATH] set TUNABLE VALUE   (until the next reload)\n"
@@ -55,6 +56,18 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
                             : command == "nexthops" ? StatusFormatter::nexthops(status)
                                                     : StatusFormatter::counters(status);
     std::fputs(out.c_str(), stdout);
+    return 0;
+  }
+  if (command == "events" && (args.size() == 1 || (args.size() == 2 && json))) {
+    const auto reply = Waymark::controlRequest(socket, {{"command", "events"}});
+    if (json) {
+      std::printf("%s\n", reply.dump(2).c_str());
+      return 0;
+    }
+    for (const auto& e : reply.at("events")) {
+      std::printf("%s  %s\n", e.at("time").get<std::string>().c_str(),
+                  e.at("text").get<std::string>().c_str());
+    }
     return 0;
   }
   if (command == "reload" && args.size() == 1) {

@@ -160,7 +160,7 @@ bool Daemon::start(std::string* error) {
     session_ = std::make_unique<KernelSession>(options_.state, options_.childTimeLimit, log);
     kernel = session_.get();
   }
-  router_ = std::make_unique<Router>(*kernel, clock_, options_.config);
+  router_ = std::make_unique<Router>(*kernel, clock_, options_.config, log);
   netlink_ = std::make_unique<NetlinkListener>(
       [this](const NetlinkListener::Interface& shown) { router_->interfaces().publish(shown); });
   if (!netlink_->open(error)) return false;
@@ -232,7 +232,7 @@ void Daemon::serve(int timeout) {
       signalfd_siginfo info{};
       while (read(signals_, &info, sizeof info) == sizeof info) {
         if (info.ssi_signo == SIGHUP) {
-          reload();
+          router_->reload();
         } else {
           stop_ = true;
         }
@@ -247,11 +247,6 @@ void Daemon::serve(int timeout) {
       session_->handleRoutingEvents(*router_->plugin().nexthopTableManager());
     }
   }
-}
-
-void Daemon::reload() {
-  const std::string error = router_->reload();
-  log(error.empty() ? "reloaded " + options_.config : "reload refused: " + error);
 }
 
 nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {

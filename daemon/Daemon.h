@@ -79,7 +79,6 @@ class Daemon {
   // what is ready: signals, netlink events, control requests, the kernel
   // session's reports.
   void serve(int timeout);
-  void reload();
   nlohmann::json handleRequest(const nlohmann::json& request);
 
   DaemonOptions options_;

@@ -1,6 +1,7 @@
 #include "daemon/Router.h"
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <utility>
 
@@ -27,8 +28,12 @@ const char* phaseName(StartupPhase phase) {
   return "running";
 }
 
-Router::Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string configPath)
-    : kernel_(kernel), clock_(clock), configPath_(std::move(configPath)), startedAt_(clock.now()) {
+Router::Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string configPath, Log log)
+    : kernel_(kernel),
+      clock_(clock),
+      configPath_(std::move(configPath)),
+      startedAt_(clock.now()),
+      log_(std::move(log)) {
   Pbr::fillStateDatabase(*store_, {pbrConfig_, policyStatus_, aclConfig_, ipStatus_, ip6Status_});
 }
 
@@ -56,6 +61,7 @@ void Router::turn() {
   gate_.applyWhenQuiet(model_);
   advanceStartup();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());
+  noticeChanges();
   longestTurn_ = std::max(longestTurn_, clock_.now() - began);
 }
 
@@ -80,12 +86,14 @@ std::string Router::reload() {
   } catch (const ConfigError& e) {
     ++reloadsFailed_;
     lastReloadError_ = e.what();
+    event("reload-refused", "reload refused, nothing changed: " + lastReloadError_);
     return lastReloadError_;
   }
   applyTunables(model_.tunables);
   gate_.requestApply();
   gate_.applyWhenQuiet(model_);
   lastReloadError_.clear();
+  event("reload", "reloaded " + configPath_);
   return "";
 }
 
@@ -166,6 +174,87 @@ std::string Router::interfaceOf(const Velnet::IpGenAddr& nexthop) const {
   return best;
 }
 
+void Router::event(const std::string& kind, const std::string& text) {
+  constexpr size_t kKept = 256;
+  char when[32] = "";
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  events_.push_back({clock_.now() - startedAt_, when, kind, text});
+  if (events_.size() > kKept) events_.pop_front();
+  if (log_) log_(text);
+}
+
+void Router::noticeChanges() {
+  const auto& m = *plugin_->nexthopTableManager();
+  const auto v4 = plugin_->aclHelper()->aclTypeData(PolicyMap::matchIpv4);
+  const auto v6 = plugin_->aclHelper()->aclTypeData(PolicyMap::matchIpv6);
+  const uint32_t failed[2] = {v4 ? v4->iptablesManager()->batchesFailed() : 0u,
+                              v6 ? v6->iptablesManager()->batchesFailed() : 0u};
+  // Nothing the plug-in did since the last look: nothing to compare.
+  const auto activity =
+      std::make_tuple(m.nexthopsAdded(), m.nexthopsDeleted(), m.pendingNexthops().members(),
+                      gate_.waiting(), failed[0], failed[1]);
+  if (activity == activity_) return;
+  activity_ = activity;
+
+  const nlohmann::json now = StatusReport::build(*plugin_);
+  std::map<Velnet::IpGenAddr, std::string> states;
+  for (const auto& n : now["nexthops"]) {
+    states[Velnet::IpGenAddr::parse(n["address"].get<std::string>())] = n["state"];
+  }
+  for (const auto& [address, state] : states) {
+    const auto before = nexthopStates_.find(address);
+    const std::string was = before == nexthopStates_.end() ? "" : before->second;
+    if (state == was) continue;
+    if (state == Reason::kProgrammed) {
+      event("nexthop-programmed", "nexthop " + address.stringValue() + " programmed (table " +
+                                      std::to_string(m.routeTable(address)) + ", mark " +
+                                      std::to_string(m.fwmark(address)) + ")");
+    } else if (was == Reason::kProgrammed) {
+      event("nexthop-withdrawn", "nexthop " + address.stringValue() + " withdrawn: " + state);
+    }
+  }
+  nexthopStates_ = std::move(states);
+
+  std::map<std::pair<std::string, std::string>, std::string> selections;
+  for (const auto& p : now["policies"]) {
+    for (const auto& c : p["classes"]) {
+      if (c["passthrough"].get<bool>()) continue;
+      const std::string nexthop = c["nexthop"].is_null() ? "none" : c["nexthop"].get<std::string>();
+      const auto key = std::make_pair(p["name"].get<std::string>(), c["name"].get<std::string>());
+      if (selections.count(key) != 0) continue;  // the other family's entry
+      selections[key] = nexthop;
+      const auto before = selections_.find(key);
+      if (before != selections_.end() && before->second == nexthop) continue;
+      event("class-nexthop", "policy " + key.first + " class " + key.second + ": nexthop " +
+                                 (before == selections_.end() ? "none" : before->second) + " -> " +
+                                 nexthop);
+    }
+  }
+  selections_ = std::move(selections);
+
+  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
+    const auto typeData = option == PolicyMap::matchIpv4 ? v4 : v6;
+    const size_t i = option == PolicyMap::matchIpv4 ? 0 : 1;
+    if (typeData && failed[i] > batchesFailed_[i]) {
+      event("batch-refused",
+            std::string(PolicyMap::familyName(option)) +
+                " iptables batch refused: " + typeData->iptablesManager()->lastError());
+    }
+    batchesFailed_[i] = failed[i];
+  }
+}
+
+nlohmann::json Router::eventsJson() const {
+  nlohmann::json out = nlohmann::json::array();
+  for (const auto& e : events_) {
+    out.push_back({{"time", e.time}, {"uptime", e.uptime}, {"kind", e.kind}, {"text", e.text}});
+  }
+  return {{"events", out}};
+}
+
 nlohmann::json Router::classCounters() const {
   nlohmann::json classes = nlohmann::json::array();
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
@@ -243,6 +332,7 @@ nlohmann::json Router::handle(const nlohmann::json& request) {
     const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
     return {{"ok", error.empty()}, {"error", error}};
   }
+  if (command == "events") return eventsJson();
   if (command == "counters") {
     nlohmann::json reply = classCounters();
     reply["counters"] = StatusReport::build(*plugin_)["counters"];

@@ -12,8 +12,14 @@
 // removed. The phases are what the status shows.
 #pragma once
 
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -33,8 +39,11 @@ const char* phaseName(StartupPhase phase);
 
 class Router {
  public:
-  // REQUIRES: `kernel` and `clock` outlive the router.
-  Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string configPath);
+  using Log = std::function<void(const std::string&)>;
+
+  // REQUIRES: `kernel` and `clock` outlive the router. Events also go to
+  // `log`.
+  Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string configPath, Log log = {});
 
   // Creates the plug-in over what the entities hold now, with the kernel's
   // runner and writer.
@@ -43,7 +52,8 @@ class Router {
   // a good part of the daemon's memory): the plug-in, the numbers the
   // previous run held, the tunables, and the first references of the gate.
   void start(ConfigModel model);
-  // One pass of the loop: one due timer, the gate, the start's phases.
+  // One pass of the loop: one due timer, the gate, the start's phases, and
+  // the events of what changed.
   void turn();
 
   // Answers a control request.
@@ -70,6 +80,12 @@ class Router {
   void advanceStartup();
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
+  // Records a state change with its time, and logs it.
+  void event(const std::string& kind, const std::string& text);
+  // Turns what changed since the last look (nexthop states, each class's
+  // nexthop, refused batches) into events.
+  void noticeChanges();
+  nlohmann::json eventsJson() const;
   // Each class's traffic, from the kernel's counters of its rules:
   // {"classes": [{policy, family, class, packets, bytes}]}.
   nlohmann::json classCounters() const;
@@ -100,6 +116,22 @@ class Router {
   uint32_t reloads_ = 0;
   uint32_t reloadsFailed_ = 0;
   std::string lastReloadError_;
+
+  struct Event {
+    double uptime;
+    std::string time;  // wall clock, ISO 8601 UTC
+    std::string kind;
+    std::string text;
+  };
+  // The latest events, oldest first.
+  std::deque<Event> events_;
+  const Log log_;
+  // What noticeChanges() saw last, and a cheap summary of the plug-in's
+  // activity that tells whether to look again.
+  std::map<Velnet::IpGenAddr, std::string> nexthopStates_;
+  std::map<std::pair<std::string, std::string>, std::string> selections_;
+  uint32_t batchesFailed_[2] = {0, 0};
+  std::tuple<uint32_t, uint32_t, uint32_t, bool, uint32_t, uint32_t> activity_{};
 };
 
 }  // namespace Waymark

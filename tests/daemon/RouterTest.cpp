@@ -185,6 +185,34 @@ TEST_F(RouterTest, EachClassCountsWhatTheFirstRuleOfEachOfItsPairsSaw) {
   EXPECT_TRUE(reply["counters"].contains("nexthops"));
 }
 
+TEST_F(RouterTest, EventsTellWhatChangedAndWhyAndGoToTheLog) {
+  std::string text = kConfig;
+  text.replace(text.find("[192.0.2.1]"), 11, "[192.0.2.1, 198.51.100.9]");
+  address("eth2", "198.51.100.254/24");
+  startRouter(text);
+  ASSERT_TRUE(runUntilIdle());
+  address("eth1", "");
+  ASSERT_TRUE(runUntilIdle());
+  writeConfig("nonsense: 1\n");
+  router.reload();
+  std::vector<std::string> texts;
+  const auto reply = ask({{"command", "events"}});
+  for (const auto& e : reply["events"]) {
+    EXPECT_EQ(e["time"].get<std::string>().size(), 20u) << e;
+    texts.push_back(e["kind"].get<std::string>() + ": " + e["text"].get<std::string>());
+  }
+  const std::vector<std::string> expected = {
+      "nexthop-programmed: nexthop 192.0.2.1 programmed (table 2, mark 2)",
+      "nexthop-programmed: nexthop 198.51.100.9 programmed (table 3, mark 3)",
+      "class-nexthop: policy edge class web: nexthop none -> 192.0.2.1",
+      "nexthop-withdrawn: nexthop 192.0.2.1 withdrawn: outside every connected subnet",
+      "class-nexthop: policy edge class web: nexthop 192.0.2.1 -> 198.51.100.9",
+      "reload-refused: reload refused, nothing changed: " + configFile +
+          ":1:1: unknown key 'nonsense' in the configuration"};
+  EXPECT_EQ(texts, expected) << reply;
+  EXPECT_EQ(logged.size(), expected.size());
+}
+
 TEST_F(RouterTest, AnUnknownCommandIsRefusedByName) {
   started();
   const auto reply = ask({{"command", "restart"}});

@@ -151,7 +151,9 @@ class PbrSystem {
   RecordingIptablesWriter& writer = kernel.recordingWriter;
   const std::string configFile =
       "/tmp/waymark-test-" + std::to_string(getpid()) + "-" + std::to_string(serial()) + ".yaml";
-  Waymark::Router router{kernel, clock.source(), configFile};
+  std::vector<std::string> logged;  // what the router logged
+  Waymark::Router router{kernel, clock.source(), configFile,
+                         [this](const std::string& line) { logged.push_back(line); }};
   const Vix::Ptr<Pbr::Config>& pbrConfig = router.pbrConfig();
   const Vix::Ptr<Acl::Config>& aclConfig = router.aclConfig();
   const Vix::Ptr<Ip::Status>& ipStatus = router.ipStatus();
