@@ -33,6 +33,23 @@ check "IPv4 TCP 8080 follows the default route" "$(lab_arrived 4 tcp 8080)" dflt
 check "IPv6 TCP 80 goes to the primary" "$(lab_arrived 6 tcp 80)" nh1
 check "IPv6 UDP 53 follows the default route" "$(lab_arrived 6 udp 53)" dflt
 
+echo "== operator insight: per-class traffic and events"
+class_packets() {  # CLASS FAMILY: the class's packets as waymarkctl counters reads them
+  lab_ctl counters | awk -v c="$1" -v f="$2" '$3 == c && $2 == f {print $4}'
+}
+web_before=$(class_packets web ipv4)
+lab_send 4 tcp 80 5
+check "counters: the web class counted the kernel's count of its rule" \
+  "$(class_packets web ipv4)" "$(packets "$(chain4)" 1)"
+check "counters: ...which grew by the packets sent" \
+  "$(( $(class_packets web ipv4) - web_before >= 5 ))" 1
+check "counters --json has classes[]" \
+  "$(lab_ctl counters --json | tr -d ' \n' | grep -o '"class":"dns"' | head -1)" '"class":"dns"'
+check "events: the start's nexthops and the classes' choices" \
+  "$(lab_ctl events | grep -c -e 'nexthop 198.51.100.2 programmed' -e 'class web: nexthop none -> 198.51.100.2')" 2
+check "events: the same lines reached the log" \
+  "$(grep -c 'class web: nexthop none -> 198.51.100.2' "$RUN/waymarkd.log")" 1
+
 echo "== SIGTERM leaves the kernel programmed; a restart reaches the same state, no duplicates"
 before_rules=$(rules); before_tables=$(tables); before_mangle=$(mangle)
 lab_stop_daemon
@@ -49,6 +66,8 @@ echo "== failover in list order and back, with routing commands as rtnetlink req
 check "executor switched at run time" "$(lab_ctl set command-executor netlink >/dev/null; lab_ctl counters | awk '$2 == "commandExecutor" {print $3}')" netlink
 in_ns router ip link set r-nh1 down; lab_settle
 check "link down: IPv4 web moves to the backup" "$(lab_arrived 4 tcp 80)" nh2
+check "events: the withdrawal and its reason" \
+  "$(lab_ctl events | grep -c 'nexthop 198.51.100.2 withdrawn: outside every connected subnet')" 1
 check "link down: IPv6 web moves to the backup" "$(lab_arrived 6 tcp 80)" nh2
 in_ns router ip link set r-nh1 up; lab_settle
 check "link up: IPv4 web returns" "$(lab_arrived 4 tcp 80)" nh1
