@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,8 @@ namespace {
 const char* kUsage =
     "usage: waymarkctl [--socket PATH] status|policies|nexthops|counters [--json]\n"
     "       waymarkctl [--socket PATH] events [--json]\n"
+    "       waymarkctl [--socket PATH] explain --in IF --proto P --src A --dst B\n"
+    "                  [--sport N] [--dport N] [--tcp-flags LIST] [--json]\n"
     "       waymarkctl [--socket PATH] reload\n"
     "       waymarkctl [--socket PATH] wait-idle [--timeout SECONDS]\n"
     "       waymarkctl [--socket PATH] set TUNABLE VALUE   (until the next reload)\n"
@@ -23,6 +27,61 @@ const char* kUsage =
 int usage() {
   std::fputs(kUsage, stderr);
   return 2;
+}
+
+// The explain request of `args` (after "explain"); nothing when they are
+// not well formed.
+std::optional<nlohmann::json> explainRequest(const std::vector<std::string>& args, bool* json) {
+  nlohmann::json request = {{"command", "explain"}};
+  const std::map<std::string, std::string> keys = {
+      {"--in", "in"},       {"--proto", "proto"}, {"--src", "src"},           {"--dst", "dst"},
+      {"--sport", "sport"}, {"--dport", "dport"}, {"--tcp-flags", "tcpFlags"}};
+  for (size_t i = 1; i < args.size(); ++i) {
+    if (args[i] == "--json") {
+      *json = true;
+      continue;
+    }
+    const auto key = keys.find(args[i]);
+    if (key == keys.end() || i + 1 >= args.size()) return std::nullopt;
+    const std::string& value = args[++i];
+    if (key->second == "sport" || key->second == "dport") {
+      if (value.empty() || value.size() > 5 ||
+          value.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+      }
+      request[key->second] = std::stoul(value);
+    } else {
+      request[key->second] = value;
+    }
+  }
+  for (const char* required : {"in", "proto", "src", "dst"}) {
+    if (!request.contains(required)) return std::nullopt;
+  }
+  return request;
+}
+
+std::string text(const nlohmann::json& v) {
+  return v.is_null() ? "-" : v.is_string() ? v.get<std::string>() : v.dump();
+}
+
+int explain(const std::string& socket, const std::vector<std::string>& args) {
+  bool json = false;
+  const auto request = explainRequest(args, &json);
+  if (!request) return usage();
+  const auto reply = Waymark::controlRequest(socket, *request);
+  if (!reply.value("ok", false)) {
+    std::fprintf(stderr, "%s\n", reply.value("error", std::string("refused")).c_str());
+    return 1;
+  }
+  if (json) {
+    std::printf("%s\n", reply.dump(2).c_str());
+    return 0;
+  }
+  for (const char* key :
+       {"policy", "class", "rule", "fwmark", "table", "nexthop", "nexthopState", "kernelRoute"}) {
+    std::printf("%-13s %s\n", key, text(reply.value(key, nlohmann::json())).c_str());
+  }
+  return 0;
 }
 
 int run(const std::string& socket, const std::vector<std::string>& args) {
@@ -58,6 +117,7 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     std::fputs(out.c_str(), stdout);
     return 0;
   }
+  if (command == "explain") return explain(socket, args);
   if (command == "events" && (args.size() == 1 || (args.size() == 2 && json))) {
     const auto reply = Waymark::controlRequest(socket, {{"command", "events"}});
     if (json) {

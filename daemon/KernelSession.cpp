@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "kernel/ChildProcess.h"
 #include "kernel/MangleReadback.h"
 #include "kernel/NetlinkCommandRunner.h"
 #include "kernel/QuietCommandRunner.h"
@@ -185,6 +186,24 @@ Kernel::MangleReadback::RuleCounters KernelSession::ruleCounters(bool v6) {
   const std::string save = Kernel::MangleReadback::save(v6, childTimeLimit_, &error, true);
   if (!error.empty()) log_("cannot read the counters: " + error);
   return Kernel::MangleReadback::ruleCounters(save);
+}
+
+std::string KernelSession::routeLookup(const Velnet::IpGenAddr& src, const Velnet::IpGenAddr& dst,
+                                       const std::string& in, uint32_t mark) {
+  std::vector<std::string> argv = {"ip"};
+  if (dst.isV6()) argv.push_back("-6");
+  for (const std::string& word : {std::string("route"), std::string("get"), dst.stringValue(),
+                                  std::string("from"), src.stringValue(), std::string("iif"), in}) {
+    argv.push_back(word);
+  }
+  if (mark != 0) {
+    argv.push_back("mark");
+    argv.push_back(std::to_string(mark));
+  }
+  const auto r = Kernel::ChildProcess::run(argv, "", childTimeLimit_);
+  std::string line = r.output.substr(0, r.output.find('\n'));
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+  return r.ok() ? line : "no route: " + line;
 }
 
 void KernelSession::removeEverything() {

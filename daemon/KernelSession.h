@@ -58,6 +58,8 @@ class KernelSession : public RouterKernel {
   void catchUp(Pbr::AclPlugin& plugin) override;
   void describe(nlohmann::json& status) const override;
   Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override;
+  std::string routeLookup(const Velnet::IpGenAddr& src, const Velnet::IpGenAddr& dst,
+                          const std::string& in, uint32_t mark) override;
 
  private:
   // False when the mangle table holds another tool's rules and the

@@ -1,15 +1,20 @@
 #include "daemon/Router.h"
 
 #include <algorithm>
+#include <cctype>
 #include <ctime>
 #include <map>
+#include <optional>
+#include <sstream>
 #include <utility>
 
 #include "daemon/ConfigLoader.h"
+#include "daemon/PacketMatcher.h"
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
 #include "net/Ip6Prefix.h"
 #include "net/Prefix.h"
+#include "plugin/ClassCommonData.h"
 #include "plugin/StateDatabase.h"
 
 namespace Waymark {
@@ -255,6 +260,118 @@ nlohmann::json Router::eventsJson() const {
   return {{"events", out}};
 }
 
+namespace {
+
+// The packet an explain request describes; `error` set when it is not one.
+std::optional<Packet> packetOf(const nlohmann::json& request, std::string* error) {
+  Packet p;
+  p.in = request.value("in", "");
+  if (!Velnet::IntfId::validName(p.in)) {
+    *error = "--in must name an interface";
+    return std::nullopt;
+  }
+  const auto src = Velnet::IpGenAddr::tryParse(request.value("src", ""));
+  const auto dst = Velnet::IpGenAddr::tryParse(request.value("dst", ""));
+  if (!src || !dst || src->family() != dst->family()) {
+    *error = "--src and --dst must be addresses of one family";
+    return std::nullopt;
+  }
+  p.src = *src;
+  p.dst = *dst;
+  const std::string proto = request.value("proto", "");
+  const std::map<std::string, uint8_t> names = {{"tcp", Acl::Protocol::tcp},
+                                                {"udp", Acl::Protocol::udp},
+                                                {"icmp", Acl::Protocol::icmp},
+                                                {"icmpv6", Acl::Protocol::icmpv6},
+                                                {"sctp", Acl::Protocol::sctp}};
+  if (names.count(proto) != 0) {
+    p.protocol = names.at(proto);
+  } else if (!proto.empty() && proto.size() <= 3 &&
+             proto.find_first_not_of("0123456789") == std::string::npos &&
+             std::stoi(proto) <= 255) {
+    p.protocol = static_cast<uint8_t>(std::stoi(proto));
+  } else {
+    *error = "--proto must be tcp, udp, icmp, icmpv6, sctp or a number up to 255";
+    return std::nullopt;
+  }
+  for (const auto& [key, port] :
+       {std::make_pair("sport", &p.sport), std::make_pair("dport", &p.dport)}) {
+    if (!request.contains(key)) continue;
+    const auto& v = request[key];
+    if (!v.is_number_integer() || v.get<int64_t>() < 0 || v.get<int64_t>() > 65535) {
+      *error = std::string("--") + key + " must be a port from 0 to 65535";
+      return std::nullopt;
+    }
+    *port = static_cast<uint16_t>(v.get<int64_t>());
+  }
+  const std::map<std::string, uint8_t> flags = {
+      {"fin", Acl::TcpFlag::fin}, {"syn", Acl::TcpFlag::syn}, {"rst", Acl::TcpFlag::rst},
+      {"psh", Acl::TcpFlag::psh}, {"ack", Acl::TcpFlag::ack}, {"urg", Acl::TcpFlag::urg}};
+  std::string list = request.value("tcpFlags", "");
+  for (char& c : list) c = c == ',' ? ' ' : static_cast<char>(std::tolower(c));
+  std::istringstream words(list);
+  for (std::string flag; words >> flag;) {
+    if (flags.count(flag) == 0) {
+      *error = "unknown TCP flag " + Vix::quoted(flag) + " (fin, syn, rst, psh, ack, urg)";
+      return std::nullopt;
+    }
+    p.tcpFlags |= flags.at(flag);
+  }
+  return p;
+}
+
+}  // namespace
+
+nlohmann::json Router::explain(const nlohmann::json& request) {
+  std::string error;
+  const auto packet = packetOf(request, &error);
+  if (!packet) return {{"ok", false}, {"error", error}};
+  const PacketMatch match = PacketMatcher::match(applier_.applied(), *packet);
+  nlohmann::json out = {
+      {"ok", true},
+      {"policy", match.policy.empty() ? nlohmann::json() : nlohmann::json(match.policy)},
+      {"class", nullptr},
+      {"rule", nullptr},
+      {"fwmark", nullptr},
+      {"table", nullptr},
+      {"nexthop", nullptr},
+      {"nexthopState", nullptr}};
+  uint32_t mark = 0;
+  if (match.policyClass != nullptr) {
+    const auto& c = *match.policyClass;
+    out["class"] = c.className;
+    std::string rule = match.list + " " + match.rule->text();
+    if (match.subRuleFlags != 0)
+      rule += " (sub-rule " + Acl::TcpFlag(match.subRuleFlags).names() + ")";
+    out["rule"] = rule;
+    out["passthrough"] = c.passthrough;
+    const auto& manager = *plugin_->nexthopTableManager();
+    // The nexthop the class's selector chose; without one, the first of
+    // its list says why.
+    Velnet::IpGenAddr inUse;
+    for (const auto& sm : plugin_->pbrAclPluginSm()->policyMapSms()) {
+      if (sm->key().name() != match.policy) continue;
+      for (const auto& cls : sm->classes()) {
+        if (cls->name() != c.className) continue;
+        const auto data = Vix::ptrCast<Pbr::ClassCommonData>(cls->commonData());
+        if (data) inUse = data->nexthopValue();
+      }
+    }
+    if (!inUse.isUnset() && manager.programmed(inUse)) {
+      mark = manager.fwmark(inUse);
+      out["nexthop"] = inUse.stringValue();
+      out["fwmark"] = mark;
+      out["table"] = manager.routeTable(inUse);
+      out["nexthopState"] = StatusReport::nexthopState(manager, inUse);
+    } else if (!c.nexthops.empty()) {
+      out["nexthopState"] = c.nexthops.front().stringValue() + ": " +
+                            StatusReport::nexthopState(manager, c.nexthops.front());
+    }
+  }
+  out["kernelRoute"] = kernel_.routeLookup(packet->src, packet->dst, packet->in, mark);
+  return out;
+}
+
 nlohmann::json Router::classCounters() const {
   nlohmann::json classes = nlohmann::json::array();
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
@@ -333,6 +450,7 @@ nlohmann::json Router::handle(const nlohmann::json& request) {
     return {{"ok", error.empty()}, {"error", error}};
   }
   if (command == "events") return eventsJson();
+  if (command == "explain") return explain(request);
   if (command == "counters") {
     nlohmann::json reply = classCounters();
     reply["counters"] = StatusReport::build(*plugin_)["counters"];

@@ -86,6 +86,9 @@ class Router {
   // nexthop, refused batches) into events.
   void noticeChanges();
   nlohmann::json eventsJson() const;
+  // Which policy, class and rule take the packet a request describes, and
+  // where the kernel then sends it.
+  nlohmann::json explain(const nlohmann::json& request);
   // Each class's traffic, from the kernel's counters of its rules:
   // {"classes": [{policy, family, class, packets, bytes}]}.
   nlohmann::json classCounters() const;

@@ -51,6 +51,13 @@ class RouterKernel {
   virtual void catchUp(Pbr::AclPlugin&) {}
   // Adds the kernel side's fields to a status.
   virtual void describe(nlohmann::json&) const {}
+  // The kernel's own route lookup for a packet ("ip route get" of the
+  // family, with "mark" when `mark` is not 0): its first line, or why not.
+  virtual std::string routeLookup(const Velnet::IpGenAddr& /*src*/,
+                                  const Velnet::IpGenAddr& /*dst*/, const std::string& /*in*/,
+                                  uint32_t /*mark*/) {
+    return "";
+  }
   // The counters of the family's mangle rules, read back in one go.
   virtual Kernel::MangleReadback::RuleCounters ruleCounters(bool /*v6*/) { return {}; }
 };

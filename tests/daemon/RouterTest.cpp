@@ -213,6 +213,64 @@ TEST_F(RouterTest, EventsTellWhatChangedAndWhyAndGoToTheLog) {
   EXPECT_EQ(logged.size(), expected.size());
 }
 
+TEST_F(RouterTest, ExplainNamesTheClassRuleAndNexthopAndAsksTheKernelWithTheMark) {
+  std::string text = kConfig;
+  text.replace(text.find("[192.0.2.1]"), 11, "[198.51.100.9, 192.0.2.1]");
+  started();
+  writeConfig(text);
+  ask({{"command", "reload"}});
+  ASSERT_TRUE(runUntilIdle());
+  const nlohmann::json web = {{"command", "explain"}, {"in", "eth1"},        {"proto", "tcp"},
+                              {"src", "203.0.113.7"}, {"dst", "192.0.2.80"}, {"dport", 80}};
+  auto reply = ask(web);
+  EXPECT_EQ(reply["policy"], "edge");
+  EXPECT_EQ(reply["class"], "web");
+  EXPECT_EQ(reply["rule"], "web 10 permit tcp any any eq 80");
+  // The first nexthop has no connected subnet: the second is in use.
+  EXPECT_EQ(reply["nexthop"], "192.0.2.1");
+  EXPECT_EQ(reply["nexthopState"], "programmed");
+  EXPECT_EQ(reply["fwmark"], 2);
+  EXPECT_EQ(reply["table"], 2);
+  EXPECT_EQ(reply["kernelRoute"], "lookup 192.0.2.80 from 203.0.113.7 iif eth1 mark 2");
+
+  auto other = web;
+  other["dport"] = 8080;
+  reply = ask(other);
+  EXPECT_EQ(reply["policy"], "edge");
+  EXPECT_TRUE(reply["class"].is_null());
+  EXPECT_TRUE(reply["nexthop"].is_null());
+  EXPECT_EQ(reply["kernelRoute"], "lookup 192.0.2.80 from 203.0.113.7 iif eth1 mark 0");
+
+  address("eth1", "");
+  ASSERT_TRUE(runUntilIdle());
+  reply = ask(web);
+  EXPECT_EQ(reply["class"], "web");
+  EXPECT_TRUE(reply["nexthop"].is_null());
+  EXPECT_EQ(reply["nexthopState"], "198.51.100.9: outside every connected subnet");
+}
+
+TEST_F(RouterTest, ExplainRefusesWhatIsNotAPacket) {
+  started();
+  const nlohmann::json good = {{"command", "explain"},
+                               {"in", "eth1"},
+                               {"proto", "udp"},
+                               {"src", "203.0.113.7"},
+                               {"dst", "192.0.2.80"}};
+  EXPECT_TRUE(ask(good)["ok"]);
+  auto bad = good;
+  bad["dst"] = "2001:db8::1";
+  EXPECT_EQ(ask(bad)["error"], "--src and --dst must be addresses of one family");
+  bad = good;
+  bad["proto"] = "gre2";
+  EXPECT_FALSE(ask(bad)["ok"]);
+  bad = good;
+  bad["dport"] = 65536;
+  EXPECT_EQ(ask(bad)["error"], "--dport must be a port from 0 to 65535");
+  bad = good;
+  bad["tcpFlags"] = "syn,bogus";
+  EXPECT_EQ(ask(bad)["error"], "unknown TCP flag 'bogus' (fin, syn, rst, psh, ack, urg)");
+}
+
 TEST_F(RouterTest, AnUnknownCommandIsRefusedByName) {
   started();
   const auto reply = ask({{"command", "restart"}});

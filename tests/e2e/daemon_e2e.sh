@@ -50,6 +50,14 @@ check "events: the start's nexthops and the classes' choices" \
 check "events: the same lines reached the log" \
   "$(grep -c 'class web: nexthop none -> 198.51.100.2' "$RUN/waymarkd.log")" 1
 
+explain() { lab_ctl explain --in r-client --src 192.0.2.10 --dst "$SERVICE4" --json "$@" | tr -d '\n '; }
+check "explain: web traffic names its class, rule and the nexthop it reached" \
+  "$(explain --proto tcp --dport 80 --tcp-flags syn | grep -o '"class":"web".*"nexthop":"198.51.100.2"' | wc -l)" 1
+check "explain: the kernel's own lookup with the mark goes to that nexthop" \
+  "$(explain --proto tcp --dport 80 | grep -c 'via198.51.100.2')" 1
+check "explain: traffic no class takes has no class and the normal route" \
+  "$(explain --proto tcp --dport 8080 | grep -o '"class":null')" '"class":null'
+
 echo "== SIGTERM leaves the kernel programmed; a restart reaches the same state, no duplicates"
 before_rules=$(rules); before_tables=$(tables); before_mangle=$(mangle)
 lab_stop_daemon

@@ -3,8 +3,8 @@
 // executor is chosen, or, once realTools() is called, run by the real `ip`
 // and iptables-restore. It counts the start's steps and the catch-ups that
 // idle requests ask for, can keep the writer busy for a while, as the
-// asynchronous writer is while a transaction is on its way, and answers
-// rule counters the test sets.
+// asynchronous writer is while a transaction is on its way, answers rule
+// counters the test sets, and describes the route lookups it is asked for.
 #pragma once
 
 #include "daemon/RouterKernel.h"
@@ -28,6 +28,11 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   void rulesWritten(Pbr::NexthopTableManager&) override { ++rulesWrittenCalls; }
   void catchUp(Pbr::AclPlugin&) override { ++catchUps; }
   Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override { return counters[v6]; }
+  std::string routeLookup(const Velnet::IpGenAddr& src, const Velnet::IpGenAddr& dst,
+                          const std::string& in, uint32_t mark) override {
+    return "lookup " + dst.stringValue() + " from " + src.stringValue() + " iif " + in + " mark " +
+           std::to_string(mark);
+  }
 
   // From now on the real tools do the work.
   void realTools() { real_ = true; }
