@@ -17,6 +17,7 @@ namespace {
 const char* kUsage =
     "usage: waymarkctl [--socket PATH] status|policies|nexthops|counters [--json]\n"
     "       waymarkctl [--socket PATH] events [--json]\n"
+    "       waymarkctl [--socket PATH] metrics\n"
     "       waymarkctl [--socket PATH] explain --in IF --proto P --src A --dst B\n"
     "                  [--sport N] [--dport N] [--tcp-flags LIST] [--json]\n"
     "       waymarkctl [--socket PATH] reload\n"
@@ -118,6 +119,11 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     return 0;
   }
   if (command == "explain") return explain(socket, args);
+  if (command == "metrics" && args.size() == 1) {
+    const auto reply = Waymark::controlRequest(socket, {{"command", "metrics"}});
+    std::fputs(reply.at("text").get<std::string>().c_str(), stdout);
+    return 0;
+  }
   if (command == "events" && (args.size() == 1 || (args.size() == 2 && json))) {
     const auto reply = Waymark::controlRequest(socket, {{"command", "events"}});
     if (json) {

@@ -33,6 +33,10 @@ class StderrTraceSink : public Vix::TraceSink {
 };
 StderrTraceSink stderrSink;
 
+// How often the metrics endpoint's snapshot is refreshed: reading the
+// classes' counters costs an iptables-save per family.
+constexpr double kMetricsPeriod = 5.0;
+
 void log(const std::string& text) { std::fprintf(stderr, "waymarkd: %s\n", text.c_str()); }
 
 bool parseNumber(const std::string& text, double low, double high, double* out) {
@@ -47,7 +51,8 @@ bool parseNumber(const std::string& text, double low, double high, double* out) 
 
 const char* Daemon::usage() {
   return "usage: waymarkd [--config FILE] [--socket PATH] [--state FILE] [--trace-level N]\n"
-         "                [--cell-id N] [--child-time-limit S] [--check | --dry-run | --cleanup]\n"
+         "                [--cell-id N] [--child-time-limit S] [--metrics-listen ADDR:PORT]\n"
+         "                [--check | --dry-run | --cleanup]\n"
          "       waymarkd --help | --version\n"
          "  --check      validate the configuration, print warnings, exit\n"
          "  --dry-run    print the kernel commands of a start, without running them, and exit\n"
@@ -84,6 +89,8 @@ std::optional<DaemonOptions> Daemon::parseOptions(int argc, char** argv, std::st
       o.traceLevel = static_cast<int>(n);
     } else if (arg == "--child-time-limit" && (v = value()) && parseNumber(*v, 0.1, 3600, &n)) {
       o.childTimeLimit = n;
+    } else if (arg == "--metrics-listen" && (v = value()) && v->find(':') != std::string::npos) {
+      o.metricsListen = *v;
     } else if (arg == "--cell-id" && (v = value()) && parseNumber(*v, 0, 1e9, &n)) {
       o.cellId = static_cast<uint32_t>(n);
     } else {
@@ -174,6 +181,16 @@ bool Daemon::start(std::string* error) {
   control_ = std::make_unique<ControlServer>(
       [this](const nlohmann::json& request) { return handleRequest(request); });
   if (!control_->listen(options_.socket, error) || !watch(mask, error)) return false;
+  if (!options_.metricsListen.empty()) {
+    try {
+      metrics_ = std::make_shared<MetricsSnapshot>();
+      exposer_ = std::make_unique<prometheus::Exposer>(options_.metricsListen, 1);
+      exposer_->RegisterCollectable(metrics_);
+    } catch (const std::exception& e) {
+      *error = "cannot serve metrics on " + options_.metricsListen + ": " + e.what();
+      return false;
+    }
+  }
   log("running with " + options_.config);
   return true;
 }
@@ -209,7 +226,11 @@ void Daemon::loop() {
     router_->turn();
     // A dry run shows one start: it ends when the start would be idle.
     if (options_.dryRun && router_->idle()) break;
-    const double sleep = Vix::activityManager().sleepTime();
+    refreshMetrics();
+    double sleep = Vix::activityManager().sleepTime();
+    // The endpoint's metrics age by the refresh period at most, even when
+    // nothing else wakes the loop.
+    if (metrics_ && (sleep == Vix::kNever || sleep > kMetricsPeriod)) sleep = kMetricsPeriod;
     itimerspec when{};
     if (sleep != Vix::kNever && sleep > 0) {
       when.it_value.tv_sec = static_cast<time_t>(sleep);
@@ -247,6 +268,12 @@ void Daemon::serve(int timeout) {
       session_->handleRoutingEvents(*router_->plugin().nexthopTableManager());
     }
   }
+}
+
+void Daemon::refreshMetrics() {
+  if (!metrics_ || clock_.now() - metricsPublishedAt_ < kMetricsPeriod) return;
+  metrics_->publish(router_->metrics());
+  metricsPublishedAt_ = clock_.now();
 }
 
 nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {

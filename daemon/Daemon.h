@@ -20,11 +20,13 @@
 #include <optional>
 #include <string>
 
+#include <prometheus/exposer.h>
 #include <nlohmann/json.hpp>
 
 #include "daemon/ControlServer.h"
 #include "daemon/InstanceLock.h"
 #include "daemon/KernelSession.h"
+#include "daemon/MetricsSnapshot.h"
 #include "daemon/Router.h"
 #include "framework/TimeSource.h"
 #include "kernel/NetlinkListener.h"
@@ -46,6 +48,8 @@ struct DaemonOptions {
   bool cleanup = false;
   // Longest run of one `ip` or iptables-restore child.
   double childTimeLimit = 30.0;
+  // ADDR:PORT to serve the metrics on over HTTP; "" serves none.
+  std::string metricsListen;
 };
 
 // waymarkd's exit statuses. The refusals have their own, so that a service
@@ -80,6 +84,8 @@ class Daemon {
   // session's reports.
   void serve(int timeout);
   nlohmann::json handleRequest(const nlohmann::json& request);
+  // Publishes fresh metrics to the HTTP endpoint when they are due.
+  void refreshMetrics();
 
   DaemonOptions options_;
   InstanceLock lock_;
@@ -92,6 +98,10 @@ class Daemon {
   std::unique_ptr<Router> router_;
   std::unique_ptr<NetlinkListener> netlink_;
   std::unique_ptr<ControlServer> control_;
+  // The HTTP endpoint's threads read the snapshot, never the router.
+  std::shared_ptr<MetricsSnapshot> metrics_;
+  std::unique_ptr<prometheus::Exposer> exposer_;
+  double metricsPublishedAt_ = -1e9;
   int epoll_ = -1;
   int timer_ = -1;
   int signals_ = -1;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "daemon/ConfigLoader.h"
+#include "daemon/MetricsSnapshot.h"
 #include "daemon/PacketMatcher.h"
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
@@ -372,6 +373,10 @@ nlohmann::json Router::explain(const nlohmann::json& request) {
   return out;
 }
 
+std::vector<prometheus::MetricFamily> Router::metrics() const {
+  return MetricsSnapshot::build(status(), classCounters());
+}
+
 nlohmann::json Router::classCounters() const {
   nlohmann::json classes = nlohmann::json::array();
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
@@ -450,6 +455,7 @@ nlohmann::json Router::handle(const nlohmann::json& request) {
     return {{"ok", error.empty()}, {"error", error}};
   }
   if (command == "events") return eventsJson();
+  if (command == "metrics") return {{"text", MetricsSnapshot::text(metrics())}};
   if (command == "explain") return explain(request);
   if (command == "counters") {
     nlohmann::json reply = classCounters();

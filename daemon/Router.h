@@ -20,7 +20,9 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
+#include <prometheus/metric_family.h>
 #include <nlohmann/json.hpp>
 
 #include "daemon/ConfigApplier.h"
@@ -63,6 +65,9 @@ class Router {
   // No kernel work pending anywhere, the start included.
   bool idle() const;
   nlohmann::json status() const;
+
+  // The metrics of this moment, the classes' traffic read from the kernel.
+  std::vector<prometheus::MetricFamily> metrics() const;
 
   StartupPhase phase() const { return phase_; }
   const ConfigModel& model() const { return model_; }

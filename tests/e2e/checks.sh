@@ -56,3 +56,15 @@ resolved_state() {
     echo "fwmark rules: $(in_ns router ip "$fam" rule | grep -c fwmark)"
   done
 }
+
+# Polls CONDITION (a shell command) every 0.1 s until it holds, at most
+# SECONDS; false, naming what was awaited, when it never did.
+wait_for() {  # SECONDS CONDITION
+  local deadline=$((SECONDS + $1))
+  while [ "$SECONDS" -lt "$deadline" ]; do
+    eval "$2" && return 0
+    sleep 0.1
+  done
+  echo "waited $1 s in vain for: $2" >&2
+  return 1
+}

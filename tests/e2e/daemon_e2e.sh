@@ -24,7 +24,8 @@ mkdir -p "$RUN"
 lab_steer_config "$CONFIG" 198.51.100.2 198.51.100.66
 
 lab_create
-lab_start_daemon "$CONFIG"
+METRICS=127.0.0.1:9$((RANDOM % 900 + 100))
+DAEMON_ARGS="--metrics-listen $METRICS" lab_start_daemon "$CONFIG"
 
 echo "== steering by protocol and port"
 check "IPv4 TCP 80 goes to the primary" "$(lab_arrived 4 tcp 80)" nh1
@@ -57,6 +58,13 @@ check "explain: the kernel's own lookup with the mark goes to that nexthop" \
   "$(explain --proto tcp --dport 80 | grep -c 'via198.51.100.2')" 1
 check "explain: traffic no class takes has no class and the normal route" \
   "$(explain --proto tcp --dport 8080 | grep -o '"class":null')" '"class":null'
+
+scrape() { in_ns router curl -sf "http://$METRICS/metrics"; }
+check "metrics: waymarkctl metrics has the web class's packets" \
+  "$(lab_ctl metrics | grep -c '^waymark_class_packets_total{.*class="web"')" 1
+check "metrics: ...and the endpoint serves the same names" \
+  "$(wait_for 30 "scrape | grep -q 'waymark_nexthop_programmed{nexthop=\"198.51.100.2\"} 1'" && echo served)" served
+check "metrics: nexthops are up" "$(scrape | grep -c '^waymark_nexthop_up{.*} 1')" 4
 
 echo "== SIGTERM leaves the kernel programmed; a restart reaches the same state, no duplicates"
 before_rules=$(rules); before_tables=$(tables); before_mangle=$(mangle)
