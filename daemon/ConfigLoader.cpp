@@ -87,7 +87,8 @@ void readTunables(Reader& r, const YamlNode& node, Tunables& t) {
   }
 }
 
-AccessListSpec readAccessList(Reader& r, const std::string& listName, const YamlNode& node) {
+AccessListSpec readAccessList(Reader& r, const std::string& listName, const YamlNode& node,
+                              SourceLines& lines) {
   AccessListSpec list;
   YamlNode rules = node;
   if (node.isMap()) {
@@ -118,6 +119,7 @@ AccessListSpec readAccessList(Reader& r, const std::string& listName, const Yaml
     }
     last = std::max(last, rule.seqNo);
     list.rules.emplace(rule.seqNo, rule);
+    lines.rules[{listName, rule.seqNo}] = ruleNode.line();
   }
   return list;
 }
@@ -205,6 +207,7 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
   if (const auto groups = section("nexthop-groups"); groups && !groups.isNull()) {
     for (const auto& [key, value] : r.entries(groups, "nexthop-groups")) {
       const std::string n = r.name(key, "nexthop group name");
+      model.lines.nexthopGroups[n] = key.line();
       model.nexthopGroups.emplace(
           n, readNexthopList(r, value, "the nexthops of group " + Vix::quoted(n)));
     }
@@ -214,7 +217,8 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
   if (const auto lists = section("access-lists"); lists && !lists.isNull()) {
     for (const auto& [key, value] : r.entries(lists, "access-lists")) {
       const std::string n = r.name(key, "access-list name");
-      model.accessLists.emplace(n, readAccessList(r, n, value));
+      model.lines.accessLists[n] = key.line();
+      model.accessLists.emplace(n, readAccessList(r, n, value, model.lines));
     }
   }
   if (const auto classes = section("class-maps"); classes && !classes.isNull()) {
@@ -229,6 +233,7 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
         }
         lists.push_back(l);
       }
+      model.lines.classMaps[n] = key.line();
       model.classMaps.emplace(n, lists);
     }
   }
@@ -244,6 +249,7 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
           r.fail(c, "class " + Vix::quoted(entry.className) + " used twice in policy " +
                         Vix::quoted(n));
         }
+        model.lines.policyClasses[{n, entry.className}] = c.line();
         classes.push_back(std::move(entry));
       }
       model.policyMaps.emplace_back(n, std::move(classes));
@@ -287,7 +293,9 @@ ConfigModel ConfigLoader::loadString(const std::string& text, const std::string&
   Reader r(name);
   try {
     const YamlDocument document(text);
-    return readModel(r, document.root());
+    ConfigModel model = readModel(r, document.root());
+    model.file = name;
+    return model;
   } catch (const YamlSyntaxError& e) {
     throw ConfigError(name + ":" + std::to_string(e.line()) + ":" + std::to_string(e.column()) +
                       ": " + e.what());

@@ -36,6 +36,15 @@ struct PolicyClassSpec {
   bool operator==(const PolicyClassSpec&) const = default;
 };
 
+// Where each named thing stands in the file, for messages about it.
+struct SourceLines {
+  std::map<std::string, size_t> accessLists;
+  std::map<std::pair<std::string, uint32_t>, size_t> rules;  // list, sequence number
+  std::map<std::string, size_t> classMaps;
+  std::map<std::string, size_t> nexthopGroups;
+  std::map<std::pair<std::string, std::string>, size_t> policyClasses;  // policy, class
+};
+
 struct ConfigModel {
   Tunables tunables;
   MangleTable mangleTable = MangleTable::refuseIfForeign;
@@ -46,6 +55,8 @@ struct ConfigModel {
   // In configuration order.
   std::vector<std::pair<std::string, std::vector<PolicyClassSpec>>> policyMaps;
   std::map<Velnet::IntfId, std::string> interfaces;
+  std::string file;
+  SourceLines lines;
 
   const std::vector<PolicyClassSpec>* policyMap(const std::string& name) const {
     for (const auto& [n, classes] : policyMaps) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "daemon/ConfigLinter.h"
 #include "daemon/ConfigLoader.h"
 #include "daemon/DryRun.h"
 #include "framework/ActivityManager.h"
@@ -122,6 +123,7 @@ int Daemon::run() {
     if (!options_.cleanup) return 1;
   }
   if (options_.check) {
+    for (const auto& warning : ConfigLinter::warnings(model_)) std::printf("%s\n", warning.c_str());
     std::printf("%s: ok (%zu access lists, %zu classes, %zu policies, %zu interfaces)\n",
                 options_.config.c_str(), model_.accessLists.size(), model_.classMaps.size(),
                 model_.policyMaps.size(), model_.interfaces.size());

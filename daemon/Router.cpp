@@ -8,6 +8,7 @@
 #include <sstream>
 #include <utility>
 
+#include "daemon/ConfigLinter.h"
 #include "daemon/ConfigLoader.h"
 #include "daemon/MetricsSnapshot.h"
 #include "daemon/PacketMatcher.h"
@@ -51,6 +52,8 @@ void Router::startPlugin() {
 
 void Router::start(ConfigModel model) {
   model_ = std::move(model);
+  configWarnings_ = ConfigLinter::warnings(model_);
+  for (const auto& warning : configWarnings_) event("config-warning", warning);
   gate_.prepare(model_);
   startPlugin();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());
@@ -100,6 +103,8 @@ std::string Router::reload() {
   gate_.applyWhenQuiet(model_);
   lastReloadError_.clear();
   event("reload", "reloaded " + configPath_);
+  configWarnings_ = ConfigLinter::warnings(model_);
+  for (const auto& warning : configWarnings_) event("config-warning", warning);
   return "";
 }
 
@@ -201,7 +206,8 @@ void Router::noticeChanges() {
   // Nothing the plug-in did since the last look: nothing to compare.
   const auto activity =
       std::make_tuple(m.nexthopsAdded(), m.nexthopsDeleted(), m.pendingNexthops().members(),
-                      gate_.waiting(), failed[0], failed[1]);
+                      gate_.waiting(), failed[0], failed[1],
+                      ipStatus_->ipIntfStatusMap().members() + ip6Status_->intfMap().members());
   if (activity == activity_) return;
   activity_ = activity;
 
@@ -223,6 +229,12 @@ void Router::noticeChanges() {
     }
   }
   nexthopStates_ = std::move(states);
+
+  std::set<std::string> warnings = runTimeWarnings(now);
+  for (const auto& w : warnings) {
+    if (warned_.count(w) == 0) event("warning", w);
+  }
+  warned_ = std::move(warnings);
 
   std::map<std::pair<std::string, std::string>, std::string> selections;
   for (const auto& p : now["policies"]) {
@@ -251,6 +263,20 @@ void Router::noticeChanges() {
     }
     batchesFailed_[i] = failed[i];
   }
+}
+
+std::set<std::string> Router::runTimeWarnings(const nlohmann::json& status) const {
+  std::set<std::string> out;
+  for (const auto& [intf, policy] : applier_.applied().interfaces) {
+    if (ipStatus_->ipIntfStatus(intf) || ip6Status_->intf(intf)) continue;
+    out.insert("interface " + intf.stringValue() + " applies policy " + policy +
+               " but does not exist");
+  }
+  for (const auto& n : status["nexthops"]) {
+    if (n["state"] != Reason::kOutsideSubnets) continue;
+    out.insert("nexthop " + n["address"].get<std::string>() + " is " + Reason::kOutsideSubnets);
+  }
+  return out;
 }
 
 nlohmann::json Router::eventsJson() const {
@@ -416,6 +442,9 @@ nlohmann::json Router::status() const {
   status["uptime"] = clock_.now() - startedAt_;
   status["idle"] = idle();
   status["interfaces"] = addresses();
+  nlohmann::json warnings = configWarnings_;
+  for (const auto& w : runTimeWarnings(status)) warnings.push_back(w);
+  status["warnings"] = warnings;
   for (auto& nexthop : status["nexthops"]) {
     const auto address = Velnet::IpGenAddr::parse(nexthop["address"].get<std::string>());
     const std::string intf = interfaceOf(address);

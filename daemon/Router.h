@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -91,6 +92,9 @@ class Router {
   // nexthop, refused batches) into events.
   void noticeChanges();
   nlohmann::json eventsJson() const;
+  // What does not work at run time: applied interfaces that do not exist,
+  // nexthops outside every connected subnet.
+  std::set<std::string> runTimeWarnings(const nlohmann::json& status) const;
   // Which policy, class and rule take the packet a request describes, and
   // where the kernel then sends it.
   nlohmann::json explain(const nlohmann::json& request);
@@ -139,7 +143,9 @@ class Router {
   std::map<Velnet::IpGenAddr, std::string> nexthopStates_;
   std::map<std::pair<std::string, std::string>, std::string> selections_;
   uint32_t batchesFailed_[2] = {0, 0};
-  std::tuple<uint32_t, uint32_t, uint32_t, bool, uint32_t, uint32_t> activity_{};
+  std::tuple<uint32_t, uint32_t, uint32_t, bool, uint32_t, uint32_t, uint32_t> activity_{};
+  std::set<std::string> warned_;
+  std::vector<std::string> configWarnings_;
 };
 
 }  // namespace Waymark

@@ -206,6 +206,7 @@ TEST_F(RouterTest, EventsTellWhatChangedAndWhyAndGoToTheLog) {
       "nexthop-programmed: nexthop 198.51.100.9 programmed (table 3, mark 3)",
       "class-nexthop: policy edge class web: nexthop none -> 192.0.2.1",
       "nexthop-withdrawn: nexthop 192.0.2.1 withdrawn: outside every connected subnet",
+      "warning: nexthop 192.0.2.1 is outside every connected subnet",
       "class-nexthop: policy edge class web: nexthop 192.0.2.1 -> 198.51.100.9",
       "reload-refused: reload refused, nothing changed: " + configFile +
           ":1:1: unknown key 'nonsense' in the configuration"};
@@ -269,6 +270,20 @@ TEST_F(RouterTest, ExplainRefusesWhatIsNotAPacket) {
   bad = good;
   bad["tcpFlags"] = "syn,bogus";
   EXPECT_EQ(ask(bad)["error"], "unknown TCP flag 'bogus' (fin, syn, rst, psh, ack, urg)");
+}
+
+TEST_F(RouterTest, TheStatusWarnsOfWhatCannotWorkInTheFileAndAtRunTime) {
+  std::string text = kConfig + "  eth3: edge\n";
+  text.replace(text.find("class-maps:"), 11, "class-maps:\n  spare: [web]");
+  startRouter(text);
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_EQ(status()["warnings"], nlohmann::json::array({
+                                      configFile + ":4: warning: class 'spare' is in no policy",
+                                      "interface eth3 applies policy edge but does not exist",
+                                  }));
+  address("eth3", "203.0.113.1/24");
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_EQ(status()["warnings"].size(), 1u);
 }
 
 TEST_F(RouterTest, AnUnknownCommandIsRefusedByName) {

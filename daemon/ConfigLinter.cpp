@@ -1,0 +1,203 @@
+#include "daemon/ConfigLinter.h"
+
+#include <optional>
+#include <set>
+#include <utility>
+
+#include "framework/String.h"
+#include "net/Ip6Prefix.h"
+#include "net/Prefix.h"
+
+namespace Waymark {
+
+namespace {
+
+using Interval = std::pair<uint32_t, uint32_t>;
+
+// The ports a spec matches, as closed intervals.
+std::vector<Interval> portSet(const Acl::PortSpec& spec) {
+  switch (spec.op) {
+    case Acl::PortOp::eq: {
+      std::vector<Interval> out;
+      for (const uint16_t p : spec.ports) out.emplace_back(p, p);
+      return out;
+    }
+    case Acl::PortOp::range:
+      return {{spec.ports[0], spec.ports[1]}};
+    case Acl::PortOp::gt:
+      return {{spec.ports[0] + 1u, 65535u}};
+    case Acl::PortOp::lt:
+      return spec.ports[0] == 0 ? std::vector<Interval>{}
+                                : std::vector<Interval>{{0u, spec.ports[0] - 1u}};
+    case Acl::PortOp::any:
+      break;
+  }
+  return {{0u, 65535u}};
+}
+
+bool portsCovered(const Acl::PortSpec& outer, const Acl::PortSpec& inner) {
+  if (outer.op == Acl::PortOp::any) return true;
+  // A rule without ports also takes packets that have none.
+  if (inner.op == Acl::PortOp::any) return false;
+  for (const auto& [lo, hi] : portSet(inner)) {
+    bool inside = false;
+    for (const auto& [olo, ohi] : portSet(outer)) inside = inside || (olo <= lo && hi <= ohi);
+    if (!inside) return false;
+  }
+  return true;
+}
+
+bool addressCovered(const Acl::AddrSpec& outer, const Acl::AddrSpec& inner) {
+  if (outer.any) return true;
+  if (inner.any || inner.len < outer.len || outer.addr.family() != inner.addr.family()) {
+    return false;
+  }
+  if (outer.addr.isV4())
+    return Velnet::Prefix(outer.addr.v4(), outer.len).contains(inner.addr.v4());
+  return Velnet::Ip6Prefix(outer.addr.v6(), outer.len).contains(inner.addr.v6());
+}
+
+std::string at(const ConfigModel& model, size_t line) {
+  return model.file + ":" + std::to_string(line) + ": warning: ";
+}
+
+template <class Map, class Key>
+size_t lineOf(const Map& lines, const Key& key) {
+  const auto it = lines.find(key);
+  return it == lines.end() ? 0 : it->second;
+}
+
+struct SubRule {
+  std::string className;
+  std::string list;
+  const Acl::AclRuleConfig* rule;
+  uint8_t flags;
+};
+
+void shadowed(const ConfigModel& model, const std::string& policy,
+              const std::vector<PolicyClassSpec>& classes, std::vector<std::string>& out) {
+  std::vector<SubRule> earlier;
+  for (const auto& c : classes) {
+    const auto lists = model.classMaps.find(c.className);
+    if (lists == model.classMaps.end()) continue;
+    size_t rules = 0;
+    size_t dead = 0;
+    std::string coveringClass;
+    std::vector<SubRule> mine;
+    for (const auto& listName : lists->second) {
+      const auto& list = model.accessLists.at(listName);
+      for (const auto& [seq, rule] : list.rules) {
+        ++rules;
+        // Each sub-rule must be covered by some earlier one; the last cover
+        // found names the rule in the warning.
+        std::optional<SubRule> cover;
+        for (const auto& flags : rule.subRuleFlags()) {
+          std::optional<SubRule> found;
+          for (const auto* side : {&earlier, &mine}) {
+            for (const auto& e : *side) {
+              if (!found && ConfigLinter::covers(*e.rule, e.flags, rule, flags.value())) found = e;
+            }
+          }
+          cover = found;
+          if (!found) break;
+        }
+        for (const auto& flags : rule.subRuleFlags()) {
+          mine.push_back({c.className, listName, &rule, flags.value()});
+        }
+        if (!cover) continue;
+        ++dead;
+        if (cover->className != c.className) coveringClass = cover->className;
+        out.push_back(at(model, lineOf(model.lines.rules, std::make_pair(listName, seq))) +
+                      "rule " + Vix::quoted(rule.text()) + " of list " + Vix::quoted(listName) +
+                      " can never match in policy " + Vix::quoted(policy) + ": rule " +
+                      Vix::quoted(cover->rule->text()) + " of list " + Vix::quoted(cover->list) +
+                      " (class " + Vix::quoted(cover->className) + ") takes its traffic first");
+      }
+    }
+    if (rules != 0 && dead == rules && !coveringClass.empty()) {
+      out.push_back(
+          at(model, lineOf(model.lines.policyClasses, std::make_pair(policy, c.className))) +
+          "class " + Vix::quoted(c.className) + " can never match in policy " +
+          Vix::quoted(policy) + ": earlier classes take all its traffic");
+    }
+    for (auto& m : mine) earlier.push_back(std::move(m));
+  }
+}
+
+void familiesWithoutNexthop(const ConfigModel& model, const std::string& policy,
+                            const std::vector<PolicyClassSpec>& classes,
+                            std::vector<std::string>& out) {
+  for (const auto& c : classes) {
+    if (c.passthrough || c.nexthops.empty()) continue;
+    const auto lists = model.classMaps.find(c.className);
+    if (lists == model.classMaps.end()) continue;
+    for (const bool v6 : {false, true}) {
+      bool hasList = false;
+      for (const auto& l : lists->second) hasList = hasList || model.accessLists.at(l).ipv6 == v6;
+      bool hasNexthop = false;
+      for (const auto& n : c.nexthops) hasNexthop = hasNexthop || n.isV6() == v6;
+      if (!hasList || hasNexthop) continue;
+      out.push_back(
+          at(model, lineOf(model.lines.policyClasses, std::make_pair(policy, c.className))) +
+          "class " + Vix::quoted(c.className) + " in policy " + Vix::quoted(policy) + " has " +
+          (v6 ? "IPv6" : "IPv4") + " lists but no " + (v6 ? "IPv6" : "IPv4") +
+          " nexthop: that traffic follows the normal route");
+    }
+  }
+}
+
+void unused(const ConfigModel& model, std::vector<std::string>& out) {
+  std::set<std::string> lists;
+  std::set<std::string> classes;
+  std::set<std::string> groups;
+  for (const auto& [name, entries] : model.policyMaps) {
+    for (const auto& c : entries) {
+      classes.insert(c.className);
+      if (!c.nexthopGroup.empty()) groups.insert(c.nexthopGroup);
+    }
+  }
+  for (const auto& [name, used] : model.classMaps) {
+    for (const auto& l : used) lists.insert(l);
+    if (classes.count(name) == 0) {
+      out.push_back(at(model, lineOf(model.lines.classMaps, name)) + "class " + Vix::quoted(name) +
+                    " is in no policy");
+    }
+  }
+  for (const auto& [name, list] : model.accessLists) {
+    if (lists.count(name) != 0) continue;
+    out.push_back(at(model, lineOf(model.lines.accessLists, name)) + "access list " +
+                  Vix::quoted(name) + " is in no class");
+  }
+  for (const auto& [name, group] : model.nexthopGroups) {
+    if (groups.count(name) != 0) continue;
+    out.push_back(at(model, lineOf(model.lines.nexthopGroups, name)) + "nexthop group " +
+                  Vix::quoted(name) + " is used by no class");
+  }
+}
+
+}  // namespace
+
+bool ConfigLinter::covers(const Acl::AclRuleConfig& outer, uint8_t outerFlags,
+                          const Acl::AclRuleConfig& inner, uint8_t innerFlags) {
+  if (outer.ipv6 != inner.ipv6) return false;
+  if (outer.protocol && outer.protocol != inner.protocol) return false;
+  if (!addressCovered(outer.src, inner.src) || !addressCovered(outer.dst, inner.dst)) return false;
+  if (!portsCovered(outer.srcPorts, inner.srcPorts) ||
+      !portsCovered(outer.dstPorts, inner.dstPorts)) {
+    return false;
+  }
+  // Every packet with the inner flags set has the outer ones set too.
+  return (outerFlags & ~innerFlags) == 0;
+}
+
+std::vector<std::string> ConfigLinter::warnings(const ConfigModel& model) {
+  std::vector<std::string> out;
+  for (const auto& [policy, classes] : model.policyMaps) {
+    shadowed(model, policy, classes, out);
+    familiesWithoutNexthop(model, policy, classes, out);
+  }
+  unused(model, out);
+  return out;
+}
+
+}  // namespace Waymark

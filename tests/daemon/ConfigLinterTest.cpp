@@ -1,0 +1,116 @@
+// Warnings about what a valid configuration says that cannot work.
+#include "daemon/ConfigLinter.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "daemon/ConfigLoader.h"
+#include "policymap/AclRuleParser.h"
+
+namespace Waymark {
+namespace {
+
+std::vector<std::string> warningsOf(const std::string& text) {
+  return ConfigLinter::warnings(ConfigLoader::loadString(text, "f.yaml"));
+}
+
+bool covers(const std::string& outer, const std::string& inner, bool ipv6 = false) {
+  const auto o = Acl::AclRuleParser::parse(outer, ipv6);
+  const auto i = Acl::AclRuleParser::parse(inner, ipv6);
+  return ConfigLinter::covers(o, o.subRuleFlags().front().value(), i,
+                              i.subRuleFlags().front().value());
+}
+
+TEST(ConfigLinterTest, ARuleCoversWhatItsAddressesPortsProtocolAndFlagsContain) {
+  EXPECT_TRUE(covers("permit ip any any", "permit udp 10.0.0.0/8 any eq 53"));
+  EXPECT_TRUE(covers("permit tcp 10.0.0.0/8 any", "permit tcp host 10.1.2.3 any eq 22"));
+  EXPECT_FALSE(covers("permit tcp 10.0.0.0/16 any", "permit tcp 10.0.0.0/8 any"));
+  EXPECT_TRUE(covers("permit tcp any any range 1000 2000", "permit tcp any any eq 1000 1500 2000"));
+  EXPECT_FALSE(covers("permit tcp any any range 1000 2000", "permit tcp any any gt 1999"));
+  EXPECT_TRUE(covers("permit udp any any gt 1023", "permit udp any any range 1024 65535"));
+  EXPECT_FALSE(covers("permit tcp any any eq 80", "permit tcp any any"));
+  EXPECT_FALSE(covers("permit tcp any any", "permit udp any any"));
+  EXPECT_FALSE(covers("permit tcp any any", "permit ip any any"));
+  // A rule that needs SYN takes only a part of one that does not.
+  EXPECT_TRUE(covers("permit tcp any any", "permit tcp any any syn"));
+  EXPECT_FALSE(covers("permit tcp any any syn", "permit tcp any any"));
+  EXPECT_TRUE(covers("permit tcp any any syn", "permit tcp any any syn ack"));
+  EXPECT_TRUE(covers("permit tcp any 2001:db8::/32", "permit tcp any host 2001:db8::1", true));
+}
+
+TEST(ConfigLinterTest, ShadowedRulesAndClassesAreNamedWithTheirLines) {
+  const auto w = warningsOf(R"(access-lists:
+  all: [permit ip any any]
+  ssh: [permit tcp any any eq 22]
+  web:
+    - permit tcp any any eq 80
+    - permit tcp 10.0.0.0/8 any eq 80
+class-maps: {all: [all], ssh: [ssh], web: [web]}
+policy-maps:
+  edge:
+    - {class: web, nexthops: [192.0.2.1]}
+    - {class: all, passthrough: true}
+    - {class: ssh, nexthops: [192.0.2.2]}
+interfaces: {eth1: edge}
+)");
+  ASSERT_EQ(w.size(), 3u) << ::testing::PrintToString(w);
+  EXPECT_EQ(w[0],
+            "f.yaml:6: warning: rule '20 permit tcp 10.0.0.0/8 any eq 80' of list 'web' can never "
+            "match in policy 'edge': rule '10 permit tcp any any eq 80' of list 'web' (class "
+            "'web') takes its traffic first");
+  EXPECT_EQ(w[1].substr(0, 57), "f.yaml:3: warning: rule '10 permit tcp any any eq 22' of ");
+  EXPECT_EQ(w[2],
+            "f.yaml:12: warning: class 'ssh' can never match in policy 'edge': earlier classes "
+            "take all its traffic");
+}
+
+TEST(ConfigLinterTest, AClassReusingAnEarlierClassesListNeverMatches) {
+  const auto w = warningsOf(R"(access-lists: {web: [permit tcp any any eq 80]}
+class-maps: {web: [web], again: [web]}
+policy-maps:
+  edge:
+    - {class: web, nexthops: [192.0.2.1]}
+    - {class: again, nexthops: [192.0.2.2]}
+interfaces: {eth1: edge}
+)");
+  ASSERT_EQ(w.size(), 2u) << ::testing::PrintToString(w);
+  EXPECT_EQ(w[1],
+            "f.yaml:6: warning: class 'again' can never match in policy 'edge': earlier "
+            "classes take all its traffic");
+}
+
+TEST(ConfigLinterTest, AFamilyWithoutANexthopAndUnusedThingsAreNamed) {
+  const auto w = warningsOf(R"(nexthop-groups:
+  spare: [192.0.2.9]
+access-lists:
+  web: [permit tcp any any eq 80]
+  web6: {ipv6: true, rules: [permit tcp any any eq 80]}
+  dns: [permit udp any any eq 53]
+class-maps: {web: [web, web6], dns: [dns]}
+policy-maps:
+  edge:
+    - {class: web, nexthops: [192.0.2.1]}
+interfaces: {eth1: edge}
+)");
+  EXPECT_EQ(w, (std::vector<std::string>{
+                   "f.yaml:10: warning: class 'web' in policy 'edge' has IPv6 lists but no IPv6 "
+                   "nexthop: that traffic follows the normal route",
+                   "f.yaml:7: warning: class 'dns' is in no policy",
+                   "f.yaml:2: warning: nexthop group 'spare' is used by no class"}));
+}
+
+TEST(ConfigLinterTest, TheShippedConfigurationsAreClean) {
+  for (const char* path : {"examples/lab.yaml"}) {
+    std::ifstream in(std::string(WAYMARK_SOURCE_DIR) + "/" + path);
+    std::stringstream text;
+    text << in.rdbuf();
+    ASSERT_FALSE(text.str().empty()) << path;
+    EXPECT_TRUE(warningsOf(text.str()).empty()) << path;
+  }
+}
+
+}  // namespace
+}  // namespace Waymark
