@@ -35,6 +35,8 @@ check "IPv6 TCP 80 goes to the primary" "$(lab_arrived 6 tcp 80)" nh1
 check "IPv6 UDP 53 follows the default route" "$(lab_arrived 6 udp 53)" dflt
 
 echo "== operator insight: per-class traffic and events"
+check "the lab's configuration has no warnings" \
+  "$("$WAYMARKD" --check --config "$CONFIG" | grep -c warning)" 0
 class_packets() {  # CLASS FAMILY: the class's packets as waymarkctl counters reads them
   lab_ctl counters | awk -v c="$1" -v f="$2" '$3 == c && $2 == f {print $4}'
 }
