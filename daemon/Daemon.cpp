@@ -163,7 +163,7 @@ bool Daemon::start(std::string* error) {
 
   RouterKernel* kernel = nullptr;
   if (options_.dryRun) {
-    dryRun_ = std::make_unique<DryRunKernel>();
+    dryRun_ = std::make_unique<DryRunKernel>(options_.state);
     kernel = dryRun_.get();
   } else {
     session_ = std::make_unique<KernelSession>(options_.state, options_.childTimeLimit, log);

@@ -1,15 +1,26 @@
 // The kernel of `waymarkd --dry-run` (DryRunKernel): every `ip` command and
 // every iptables-restore batch is printed to standard output, prefixed so
-// that the two can be told apart, and reported as successful. Nothing of
-// the kernel is read, so there is no previous run and no other tool.
+// that the two can be told apart, and reported as successful. The plan is
+// made against the current kernel: what the state journal and the kernel's
+// rules and tables say is read (never written), so numbers another tool
+// uses are not handed out and the previous run's nexthops get their numbers
+// back, as in a real start.
 #pragma once
 
 #include <cstdio>
 #include <string>
 
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "daemon/ForeignNumbers.h"
+#include "daemon/PreviousRun.h"
 #include "daemon/RouterKernel.h"
 #include "kernel/CommandRunner.h"
 #include "kernel/IptablesWriter.h"
+#include "kernel/KernelRouting.h"
+#include "kernel/StateJournal.h"
 
 namespace Waymark {
 
@@ -37,12 +48,34 @@ class PrintingIptablesWriter : public AclUtils::IptablesWriter {
 
 class DryRunKernel : public RouterKernel {
  public:
+  // Reads the journal at `statePath` and the kernel's rules and tables.
+  explicit DryRunKernel(const std::string& statePath) : journal_(statePath) {
+    journal_.load();
+    Kernel::KernelRouting routing;
+    std::vector<Kernel::PolicyRule> rules;
+    std::vector<Kernel::RouteTableId> tables;
+    for (const bool v6 : {false, true}) {
+      for (const auto& rule : routing.rules(v6)) rules.push_back(rule);
+      for (const auto& [table, routes] : routing.routeTables(v6)) tables.push_back({v6, table});
+    }
+    foreign_ = ForeignNumbers::of(rules, tables, journal_);
+    previous_.emplace(journal_, rules);
+  }
+
   Pbr::CommandRunner& runner(CommandExecutor) override { return runner_; }
   AclUtils::IptablesWriter& writer() override { return writer_; }
+  void reserveNumbers(Pbr::NexthopTableManager& manager) override { foreign_.reserveIn(manager); }
+  void adopt(Pbr::NexthopTableManager& manager,
+             const std::vector<Velnet::IpGenAddr>& nexthops) override {
+    previous_->adoptInto(manager, nexthops);
+  }
 
  private:
   PrintingCommandRunner runner_;
   PrintingIptablesWriter writer_;
+  Kernel::StateJournal journal_;
+  ForeignNumbers foreign_;
+  std::optional<PreviousRun> previous_;
 };
 
 }  // namespace Waymark

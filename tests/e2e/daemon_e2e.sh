@@ -68,6 +68,18 @@ check "metrics: ...and the endpoint serves the same names" \
   "$(wait_for 30 "scrape | grep -q 'waymark_nexthop_programmed{nexthop=\"198.51.100.2\"} 1'" && echo served)" served
 check "metrics: nexthops are up" "$(scrape | grep -c '^waymark_nexthop_up{.*} 1')" 4
 
+echo "== a dry run plans against the current kernel and changes nothing"
+before=$(kernel_state)
+plan=$(in_ns router "$WAYMARKD" --dry-run --config "$CONFIG" --state "$RUN/state.json" \
+  --socket "$RUN/dry.sock" 2>/dev/null; echo "exit $?")
+check "the dry run ends by itself" "$(echo "$plan" | tail -1)" "exit 0"
+check "...prints each rule it would add once" \
+  "$(echo "$plan" | grep -c 'rule add')" "$(echo "$plan" | grep 'rule add' | sort -u | wc -l)"
+check "...with the numbers the nexthops hold now" \
+  "$(echo "$plan" | grep -o 'rule add priority [0-9]* fwmark [0-9]* lookup [0-9]*' | awk '{print $4, $8}' | sort)" \
+  "$(rules | grep -o '^[0-9]*:.*lookup [0-9]*' | grep fwmark | awk -F'[: ]+' '{print $1, $NF}' | sort)"
+check "...and the kernel is as it was" "$(kernel_state)" "$before"
+
 echo "== SIGTERM leaves the kernel programmed; a restart reaches the same state, no duplicates"
 before_rules=$(rules); before_tables=$(tables); before_mangle=$(mangle)
 lab_stop_daemon
