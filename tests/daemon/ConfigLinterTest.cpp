@@ -102,14 +102,23 @@ interfaces: {eth1: edge}
                    "f.yaml:2: warning: nexthop group 'spare' is used by no class"}));
 }
 
-TEST(ConfigLinterTest, TheShippedConfigurationsAreClean) {
-  for (const char* path : {"examples/lab.yaml"}) {
-    std::ifstream in(std::string(WAYMARK_SOURCE_DIR) + "/" + path);
-    std::stringstream text;
-    text << in.rdbuf();
-    ASSERT_FALSE(text.str().empty()) << path;
-    EXPECT_TRUE(warningsOf(text.str()).empty()) << path;
-  }
+std::string fileText(const std::string& path) {
+  std::ifstream in(std::string(WAYMARK_SOURCE_DIR) + "/" + path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+TEST(ConfigLinterTest, TheShippedConfigurationsAndTheDocumentedExampleAreClean) {
+  const std::string lab = fileText("examples/lab.yaml");
+  ASSERT_FALSE(lab.empty());
+  EXPECT_TRUE(warningsOf(lab).empty());
+  const std::string docs = fileText("docs/configuration.md");
+  const size_t start = docs.find("```yaml\n");
+  ASSERT_NE(start, std::string::npos);
+  const std::string example = docs.substr(start + 8, docs.find("```", start + 8) - start - 8);
+  EXPECT_EQ(warningsOf(example), std::vector<std::string>{});
+  EXPECT_EQ(ConfigLoader::loadString(example, "f").policyMaps[0].second[1].nexthops.size(), 2u);
 }
 
 }  // namespace
