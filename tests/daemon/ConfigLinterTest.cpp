@@ -25,19 +25,28 @@ bool covers(const std::string& outer, const std::string& inner, bool ipv6 = fals
 }
 
 TEST(ConfigLinterTest, ARuleCoversWhatItsAddressesPortsProtocolAndFlagsContain) {
-  EXPECT_TRUE(covers("permit ip any any", "permit udp 10.0.0.0/8 any eq 53"));
-  EXPECT_TRUE(covers("permit tcp 10.0.0.0/8 any", "permit tcp host 10.1.2.3 any eq 22"));
-  EXPECT_FALSE(covers("permit tcp 10.0.0.0/16 any", "permit tcp 10.0.0.0/8 any"));
-  EXPECT_TRUE(covers("permit tcp any any range 1000 2000", "permit tcp any any eq 1000 1500 2000"));
-  EXPECT_FALSE(covers("permit tcp any any range 1000 2000", "permit tcp any any gt 1999"));
-  EXPECT_TRUE(covers("permit udp any any gt 1023", "permit udp any any range 1024 65535"));
-  EXPECT_FALSE(covers("permit tcp any any eq 80", "permit tcp any any"));
-  EXPECT_FALSE(covers("permit tcp any any", "permit udp any any"));
-  EXPECT_FALSE(covers("permit tcp any any", "permit ip any any"));
-  // A rule that needs SYN takes only a part of one that does not.
-  EXPECT_TRUE(covers("permit tcp any any", "permit tcp any any syn"));
-  EXPECT_FALSE(covers("permit tcp any any syn", "permit tcp any any"));
-  EXPECT_TRUE(covers("permit tcp any any syn", "permit tcp any any syn ack"));
+  struct Case {
+    const char* outer;
+    const char* inner;
+    bool covered;
+  };
+  const Case cases[] = {
+      {"permit ip any any", "permit udp 10.0.0.0/8 any eq 53", true},
+      {"permit tcp 10.0.0.0/8 any", "permit tcp host 10.1.2.3 any eq 22", true},
+      {"permit tcp 10.0.0.0/16 any", "permit tcp 10.0.0.0/8 any", false},
+      {"permit tcp any any range 1000 2000", "permit tcp any any eq 1000 1500 2000", true},
+      {"permit tcp any any range 1000 2000", "permit tcp any any gt 1999", false},
+      {"permit udp any any gt 1023", "permit udp any any range 1024 65535", true},
+      {"permit tcp any any eq 80", "permit tcp any any", false},
+      {"permit tcp any any", "permit udp any any", false},
+      {"permit tcp any any", "permit ip any any", false},
+      // A rule that needs SYN takes only a part of one that does not.
+      {"permit tcp any any", "permit tcp any any syn", true},
+      {"permit tcp any any syn", "permit tcp any any", false},
+      {"permit tcp any any syn", "permit tcp any any syn ack", true},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(covers(c.outer, c.inner), c.covered) << c.outer << " / " << c.inner;
   EXPECT_TRUE(covers("permit tcp any 2001:db8::/32", "permit tcp any host 2001:db8::1", true));
 }
 
