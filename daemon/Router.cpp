@@ -206,6 +206,7 @@ void Router::noticeChanges() {
   // Nothing the plug-in did since the last look: nothing to compare.
   const auto activity =
       std::make_tuple(m.nexthopsAdded(), m.nexthopsDeleted(), m.pendingNexthops().members(),
+                      m.nexthopsWithoutResources().members(), m.programmedSet().members(),
                       gate_.waiting(), failed[0], failed[1],
                       ipStatus_->ipIntfStatusMap().members() + ip6Status_->intfMap().members());
   if (activity == activity_) return;
@@ -226,6 +227,9 @@ void Router::noticeChanges() {
                                       std::to_string(m.fwmark(address)) + ")");
     } else if (was == Reason::kProgrammed) {
       event("nexthop-withdrawn", "nexthop " + address.stringValue() + " withdrawn: " + state);
+    } else if (state == Reason::kKernelRefused) {
+      event("nexthop-refused", "nexthop " + address.stringValue() +
+                                   " not programmed: the kernel refused its route or rule");
     }
   }
   nexthopStates_ = std::move(states);
@@ -245,10 +249,10 @@ void Router::noticeChanges() {
       if (selections.count(key) != 0) continue;  // the other family's entry
       selections[key] = nexthop;
       const auto before = selections_.find(key);
-      if (before != selections_.end() && before->second == nexthop) continue;
-      event("class-nexthop", "policy " + key.first + " class " + key.second + ": nexthop " +
-                                 (before == selections_.end() ? "none" : before->second) + " -> " +
-                                 nexthop);
+      const std::string was = before == selections_.end() ? "none" : before->second;
+      if (was == nexthop) continue;
+      event("class-nexthop",
+            "policy " + key.first + " class " + key.second + ": nexthop " + was + " -> " + nexthop);
     }
   }
   selections_ = std::move(selections);

@@ -272,6 +272,17 @@ TEST_F(RouterTest, ExplainRefusesWhatIsNotAPacket) {
   EXPECT_EQ(ask(bad)["error"], "unknown TCP flag 'bogus' (fin, syn, rst, psh, ack, urg)");
 }
 
+TEST_F(RouterTest, ANexthopTheKernelRefusesIsAnEvent) {
+  runner.statusIs("ip route add", exitStatus(2));
+  startRouter(kConfig);
+  runUntilIdle();
+  const auto reply = ask({{"command", "events"}});
+  std::vector<std::string> texts;
+  for (const auto& e : reply["events"]) texts.push_back(e["text"]);
+  EXPECT_EQ(texts, (std::vector<std::string>{
+                       "nexthop 192.0.2.1 not programmed: the kernel refused its route or rule"}));
+}
+
 TEST_F(RouterTest, TheStatusWarnsOfWhatCannotWorkInTheFileAndAtRunTime) {
   std::string text = kConfig + "  eth3: edge\n";
   text.replace(text.find("class-maps:"), 11, "class-maps:\n  spare: [web]");
