@@ -14,21 +14,21 @@ namespace {
 
 using Interval = std::pair<uint32_t, uint32_t>;
 
-// The ports a spec matches, as closed intervals.
-std::vector<Interval> portSet(const Acl::PortSpec& spec) {
-  switch (spec.op) {
+// The ports a rule side matches, as closed intervals.
+std::vector<Interval> portSet(const Acl::PortSpec& side) {
+  switch (side.op) {
     case Acl::PortOp::eq: {
       std::vector<Interval> out;
-      for (const uint16_t p : spec.ports) out.emplace_back(p, p);
+      for (const uint16_t p : side.ports) out.emplace_back(p, p);
       return out;
     }
     case Acl::PortOp::range:
-      return {{spec.ports[0], spec.ports[1]}};
+      return {{side.ports[0], side.ports[1]}};
     case Acl::PortOp::gt:
-      return {{spec.ports[0] + 1u, 65535u}};
+      return {{side.ports[0] + 1u, 65535u}};
     case Acl::PortOp::lt:
-      return spec.ports[0] == 0 ? std::vector<Interval>{}
-                                : std::vector<Interval>{{0u, spec.ports[0] - 1u}};
+      return side.ports[0] == 0 ? std::vector<Interval>{}
+                                : std::vector<Interval>{{0u, side.ports[0] - 1u}};
     case Acl::PortOp::any:
       break;
   }

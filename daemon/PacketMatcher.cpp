@@ -9,25 +9,25 @@ namespace Waymark {
 
 namespace {
 
-bool addressMatches(const Acl::AddrSpec& spec, const Velnet::IpGenAddr& a) {
-  if (spec.any) return true;
-  if (spec.addr.family() != a.family()) return false;
-  if (a.isV4()) return Velnet::Prefix(spec.addr.v4(), spec.len).contains(a.v4());
-  return Velnet::Ip6Prefix(spec.addr.v6(), spec.len).contains(a.v6());
+bool addressMatches(const Acl::AddrSpec& want, const Velnet::IpGenAddr& a) {
+  if (want.any) return true;
+  if (want.addr.family() != a.family()) return false;
+  if (a.isV4()) return Velnet::Prefix(want.addr.v4(), want.len).contains(a.v4());
+  return Velnet::Ip6Prefix(want.addr.v6(), want.len).contains(a.v6());
 }
 
-bool portMatches(const Acl::PortSpec& spec, const std::optional<uint16_t>& port) {
-  if (spec.op == Acl::PortOp::any) return true;
+bool portMatches(const Acl::PortSpec& want, const std::optional<uint16_t>& port) {
+  if (want.op == Acl::PortOp::any) return true;
   if (!port) return false;
-  switch (spec.op) {
+  switch (want.op) {
     case Acl::PortOp::eq:
-      return std::find(spec.ports.begin(), spec.ports.end(), *port) != spec.ports.end();
+      return std::find(want.ports.begin(), want.ports.end(), *port) != want.ports.end();
     case Acl::PortOp::range:
-      return *port >= spec.ports[0] && *port <= spec.ports[1];
+      return *port >= want.ports[0] && *port <= want.ports[1];
     case Acl::PortOp::gt:
-      return *port > spec.ports[0];
+      return *port > want.ports[0];
     case Acl::PortOp::lt:
-      return *port < spec.ports[0];
+      return *port < want.ports[0];
     case Acl::PortOp::any:
       break;
   }
