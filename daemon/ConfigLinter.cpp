@@ -5,43 +5,18 @@
 #include <utility>
 
 #include "framework/String.h"
-#include "net/Ip6Prefix.h"
-#include "net/Prefix.h"
 
 namespace Waymark {
 
 namespace {
 
-using Interval = std::pair<uint32_t, uint32_t>;
-
-// The ports a rule side matches, as closed intervals.
-std::vector<Interval> portSet(const Acl::PortSpec& side) {
-  switch (side.op) {
-    case Acl::PortOp::eq: {
-      std::vector<Interval> out;
-      for (const uint16_t p : side.ports) out.emplace_back(p, p);
-      return out;
-    }
-    case Acl::PortOp::range:
-      return {{side.ports[0], side.ports[1]}};
-    case Acl::PortOp::gt:
-      return {{side.ports[0] + 1u, 65535u}};
-    case Acl::PortOp::lt:
-      return side.ports[0] == 0 ? std::vector<Interval>{}
-                                : std::vector<Interval>{{0u, side.ports[0] - 1u}};
-    case Acl::PortOp::any:
-      break;
-  }
-  return {{0u, 65535u}};
-}
-
 bool portsCovered(const Acl::PortSpec& outer, const Acl::PortSpec& inner) {
   if (outer.op == Acl::PortOp::any) return true;
   // A rule without ports also takes packets that have none.
   if (inner.op == Acl::PortOp::any) return false;
-  for (const auto& [lo, hi] : portSet(inner)) {
+  for (const auto& [lo, hi] : inner.intervals()) {
     bool inside = false;
-    for (const auto& [olo, ohi] : portSet(outer)) inside = inside || (olo <= lo && hi <= ohi);
+    for (const auto& [olo, ohi] : outer.intervals()) inside = inside || (olo <= lo && hi <= ohi);
     if (!inside) return false;
   }
   return true;
@@ -49,12 +24,7 @@ bool portsCovered(const Acl::PortSpec& outer, const Acl::PortSpec& inner) {
 
 bool addressCovered(const Acl::AddrSpec& outer, const Acl::AddrSpec& inner) {
   if (outer.any) return true;
-  if (inner.any || inner.len < outer.len || outer.addr.family() != inner.addr.family()) {
-    return false;
-  }
-  if (outer.addr.isV4())
-    return Velnet::Prefix(outer.addr.v4(), outer.len).contains(inner.addr.v4());
-  return Velnet::Ip6Prefix(outer.addr.v6(), outer.len).contains(inner.addr.v6());
+  return !inner.any && inner.len >= outer.len && outer.contains(inner.addr);
 }
 
 std::string at(const ConfigModel& model, size_t line) {

@@ -1,5 +1,8 @@
 #include "policymap/AclRuleConfig.h"
 
+#include "net/Ip6Prefix.h"
+#include "net/Prefix.h"
+
 namespace Acl {
 
 std::string Protocol::name(uint8_t protocol) {
@@ -39,6 +42,33 @@ std::string PortSpec::text() const {
 }
 
 std::string AddrSpec::prefixText() const { return addr.stringValue() + "/" + std::to_string(len); }
+
+std::vector<std::pair<uint32_t, uint32_t>> PortSpec::intervals() const {
+  switch (op) {
+    case PortOp::eq: {
+      std::vector<std::pair<uint32_t, uint32_t>> out;
+      for (const uint16_t p : ports) out.emplace_back(p, p);
+      return out;
+    }
+    case PortOp::range:
+      return {{ports[0], ports[1]}};
+    case PortOp::gt:
+      return {{ports[0] + 1u, 65535u}};
+    case PortOp::lt:
+      if (ports[0] == 0) return {};
+      return {{0u, ports[0] - 1u}};
+    case PortOp::any:
+      break;
+  }
+  return {{0u, 65535u}};
+}
+
+bool AddrSpec::contains(const Velnet::IpGenAddr& a) const {
+  if (any) return true;
+  if (addr.family() != a.family()) return false;
+  if (a.isV4()) return Velnet::Prefix(addr.v4(), len).contains(a.v4());
+  return Velnet::Ip6Prefix(addr.v6(), len).contains(a.v6());
+}
 
 std::string AddrSpec::text() const {
   if (any) return "any";

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "net/IpGenAddr.h"
@@ -27,6 +28,8 @@ struct PortSpec {
 
   bool operator==(const PortSpec&) const = default;
   std::string text() const;  // the grammar's form ("eq 80 443"); "" for any
+  // The ports matched, as closed intervals; 0-65535 for any.
+  std::vector<std::pair<uint32_t, uint32_t>> intervals() const;
 };
 
 // `any` when no address is given; otherwise a prefix of its family.
@@ -38,6 +41,8 @@ struct AddrSpec {
   bool operator==(const AddrSpec&) const = default;
   std::string text() const;        // "any", "host A" or "A/LEN"
   std::string prefixText() const;  // "A/LEN"
+  // Whether `a` is inside the prefix (any address for `any`).
+  bool contains(const Velnet::IpGenAddr& a) const;
 };
 
 namespace Protocol {

@@ -73,8 +73,8 @@ class PbrSystem {
   // next due timer whenever nothing is due now; false when it never is.
   bool runUntilIdle() {
     for (int pass = 0; pass < 100000 && !router.idle(); ++pass) {
-      const double sleep = Vix::activityManager().sleepTime();
-      if (sleep != Vix::kNever && sleep > 0) clock.advance(sleep);
+      const double untilDue = Vix::activityManager().sleepTime();
+      if (untilDue != Vix::kNever && untilDue > 0) clock.advance(untilDue);
       router.turn();
     }
     return router.idle();
