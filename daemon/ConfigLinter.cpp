@@ -120,10 +120,12 @@ void unused(const ConfigModel& model, std::vector<std::string>& out) {
   std::set<std::string> lists;
   std::set<std::string> classes;
   std::set<std::string> groups;
+  std::set<Velnet::IpGenAddr> nexthops;
   for (const auto& [name, entries] : model.policyMaps) {
     for (const auto& c : entries) {
       classes.insert(c.className);
       if (!c.nexthopGroup.empty()) groups.insert(c.nexthopGroup);
+      nexthops.insert(c.nexthops.begin(), c.nexthops.end());
     }
   }
   for (const auto& [name, used] : model.classMaps) {
@@ -142,6 +144,11 @@ void unused(const ConfigModel& model, std::vector<std::string>& out) {
     if (groups.count(name) != 0) continue;
     out.push_back(at(model, lineOf(model.lines.nexthopGroups, name)) + "nexthop group " +
                   Vix::quoted(name) + " is used by no class");
+  }
+  for (const auto& [nexthop, check] : model.healthChecks) {
+    if (nexthops.count(nexthop) != 0) continue;
+    out.push_back(at(model, lineOf(model.lines.healthChecks, nexthop)) + "health check of " +
+                  nexthop.stringValue() + " is for a nexthop that no class uses");
   }
 }
 

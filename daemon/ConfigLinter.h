@@ -6,7 +6,7 @@
 //   of the same policy covers it (addresses, ports, protocol and TCP flags
 //   contained in the earlier rule's);
 // - a class with lists of a family for which it has no nexthop;
-// - a list, class or nexthop group that nothing uses.
+// - a list, class, nexthop group or health check that nothing uses.
 #pragma once
 
 #include <string>

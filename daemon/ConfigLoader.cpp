@@ -66,6 +66,21 @@ class Reader {
     if (v == "false") return false;
     fail(n, what + " must be true or false, not " + Vix::quoted(v));
   }
+  // A number from `low` to `high`; `integer` refuses fractions.
+  double number(const YamlNode& n, const std::string& what, double low, double high,
+                bool integer = false) const {
+    const std::string text = scalar(n, what);
+    char* end = nullptr;
+    const double v = std::strtod(text.c_str(), &end);
+    const bool whole = !integer || v == std::floor(v);
+    if (text.empty() || *end != '\0' || !std::isfinite(v) || v < low || v > high || !whole) {
+      std::ostringstream range;
+      range << low << " to " << high;
+      fail(n, what + " must be " + (integer ? "a whole number" : "a number") + " from " +
+                  range.str() + ", not " + Vix::quoted(text));
+    }
+    return v;
+  }
   MangleTable mangleTable(const YamlNode& n) const {
     const std::string v = scalar(n, "mangle-table");
     if (v == "refuse-if-foreign") return MangleTable::refuseIfForeign;
@@ -143,6 +158,37 @@ std::vector<Velnet::IpGenAddr> readNexthopList(Reader& r, const YamlNode& node,
   return out;
 }
 
+HealthCheckSpec readHealthCheck(Reader& r, const Velnet::IpGenAddr& nexthop,
+                                const YamlNode& node) {
+  HealthCheckSpec check;
+  if (!node.isNull()) {
+    const std::string what = "the health check of " + nexthop.stringValue();
+    for (const auto& [key, value] :
+         r.entries(node, what, {"targets", "interval", "timeout", "down-after", "up-after"})) {
+      const std::string k = key.scalar();
+      if (k == "targets") {
+        check.targets = readNexthopList(r, value, "targets");
+        for (size_t i = 0; i < check.targets.size(); ++i) {
+          if (check.targets[i].family() == nexthop.family()) continue;
+          r.fail(value.items()[i], "target " + check.targets[i].stringValue() + " is not " +
+                                       (nexthop.isV4() ? "IPv4" : "IPv6") + " like nexthop " +
+                                       nexthop.stringValue());
+        }
+      } else if (k == "interval") {
+        check.interval = r.number(value, "interval", 0.05, 60);
+      } else if (k == "timeout") {
+        check.timeout = r.number(value, "timeout", 0.05, 60);
+      } else if (k == "down-after") {
+        check.downAfter = static_cast<uint32_t>(r.number(value, "down-after", 1, 100, true));
+      } else {
+        check.upAfter = static_cast<uint32_t>(r.number(value, "up-after", 1, 100, true));
+      }
+    }
+  }
+  if (check.targets.empty()) check.targets = {nexthop};
+  return check;
+}
+
 PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YamlNode& node) {
   PolicyClassSpec entry;
   int targets = 0;
@@ -196,8 +242,8 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
       "(say 'policy-maps: {}' to mean no policies)";
   if (!root || root.isNull()) r.failFile(kEmpty);
   const auto top = r.entries(root, "the configuration",
-                             {"tunables", "mangle-table", "nexthop-groups", "access-lists",
-                              "class-maps", "policy-maps", "interfaces"});
+                             {"tunables", "mangle-table", "nexthop-groups", "health-checks",
+                              "access-lists", "class-maps", "policy-maps", "interfaces"});
   auto section = [&](const char* name) {
     for (const auto& [key, value] : top) {
       if (key.scalar() == name) return value;
@@ -210,6 +256,18 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
       model.lines.nexthopGroups[n] = key.line();
       model.nexthopGroups.emplace(
           n, readNexthopList(r, value, "the nexthops of group " + Vix::quoted(n)));
+    }
+  }
+  if (const auto checks = section("health-checks"); checks && !checks.isNull()) {
+    for (const auto& [key, value] : r.entries(checks, "health-checks")) {
+      const std::string text = r.scalar(key, "a nexthop address");
+      const auto nexthop = Velnet::IpGenAddr::tryParse(text);
+      if (!nexthop) r.fail(key, "invalid nexthop address " + Vix::quoted(text));
+      if (model.healthChecks.count(*nexthop) != 0) {
+        r.fail(key, "nexthop " + Vix::quoted(text) + " has two health checks");
+      }
+      model.lines.healthChecks[*nexthop] = key.line();
+      model.healthChecks.emplace(*nexthop, readHealthCheck(r, *nexthop, value));
     }
   }
   if (const auto t = section("tunables"); t && !t.isNull()) readTunables(r, t, model.tunables);

@@ -1,6 +1,6 @@
 // Waymark::ConfigModel: the configuration file as plain, fully validated
-// values: tunables, access lists, class maps, policy maps and the policy each
-// interface applies. The loader produces it; the applier turns the difference
+// values: tunables, access lists, class maps, policy maps, the policy each
+// interface applies and the nexthops' health checks. The loader produces it; the applier turns the difference
 // between two of them into changes of the mounted configuration entities.
 #pragma once
 
@@ -36,6 +36,18 @@ struct PolicyClassSpec {
   bool operator==(const PolicyClassSpec&) const = default;
 };
 
+// How a nexthop is probed and when it counts as down or up again.
+struct HealthCheckSpec {
+  // Probed each round; the loader fills in the nexthop itself when the file
+  // names none.
+  std::vector<Velnet::IpGenAddr> targets;
+  double interval = 1.0;  // seconds between rounds
+  double timeout = 1.0;   // seconds a round waits for an answer
+  uint32_t downAfter = 3;  // unanswered rounds in a row that withdraw it
+  uint32_t upAfter = 5;    // answered rounds in a row that restore it
+  bool operator==(const HealthCheckSpec&) const = default;
+};
+
 // Where each named thing stands in the file, for messages about it.
 struct SourceLines {
   std::map<std::string, size_t> accessLists;
@@ -43,6 +55,7 @@ struct SourceLines {
   std::map<std::string, size_t> classMaps;
   std::map<std::string, size_t> nexthopGroups;
   std::map<std::pair<std::string, std::string>, size_t> policyClasses;  // policy, class
+  std::map<Velnet::IpGenAddr, size_t> healthChecks;
 };
 
 struct ConfigModel {
@@ -50,6 +63,8 @@ struct ConfigModel {
   MangleTable mangleTable = MangleTable::refuseIfForeign;
   // Named nexthop lists, in order; classes that name one are resolved.
   std::map<std::string, std::vector<Velnet::IpGenAddr>> nexthopGroups;
+  // By nexthop address.
+  std::map<Velnet::IpGenAddr, HealthCheckSpec> healthChecks;
   std::map<std::string, AccessListSpec> accessLists;
   std::map<std::string, std::vector<std::string>> classMaps;
   // In configuration order.

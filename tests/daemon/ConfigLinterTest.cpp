@@ -94,6 +94,7 @@ interfaces: {eth1: edge}
 TEST(ConfigLinterTest, AFamilyWithoutANexthopAndUnusedThingsAreNamed) {
   const auto w = warningsOf(R"(nexthop-groups:
   spare: [192.0.2.9]
+health-checks: {192.0.2.1: {}, 192.0.2.9: {}}
 access-lists:
   web: [permit tcp any any eq 80]
   web6: {ipv6: true, rules: [permit tcp any any eq 80]}
@@ -105,10 +106,12 @@ policy-maps:
 interfaces: {eth1: edge}
 )");
   EXPECT_EQ(w, (std::vector<std::string>{
-                   "f.yaml:10: warning: class 'web' in policy 'edge' has IPv6 lists but no IPv6 "
+                   "f.yaml:11: warning: class 'web' in policy 'edge' has IPv6 lists but no IPv6 "
                    "nexthop: that traffic follows the normal route",
-                   "f.yaml:7: warning: class 'dns' is in no policy",
-                   "f.yaml:2: warning: nexthop group 'spare' is used by no class"}));
+                   "f.yaml:8: warning: class 'dns' is in no policy",
+                   "f.yaml:2: warning: nexthop group 'spare' is used by no class",
+                   "f.yaml:3: warning: health check of 192.0.2.9 is for a nexthop that no class "
+                   "uses"}));
 }
 
 std::string fileText(const std::string& path) {

@@ -117,6 +117,47 @@ TEST(ConfigLoaderTest, ANexthopGroupIsResolvedIntoItsClassesAndMustBeDefined) {
             "waymark.yaml:5:33: unknown nexthop group 'up' (not in nexthop-groups)");
 }
 
+TEST(ConfigLoaderTest, AHealthCheckProbesTheNexthopItselfUnlessItNamesTargets) {
+  const auto m = ConfigLoader::loadString(R"(health-checks:
+  192.0.2.1: {}
+  2001:db8::1:
+    targets: [2001:db8:ff::1, 2001:db8:ff::2]
+    interval: 0.2
+    timeout: 0.5
+    down-after: 2
+    up-after: 4
+policy-maps: {}
+)",
+                                          "f");
+  const auto& v4 = m.healthChecks.at(Velnet::IpGenAddr::parse("192.0.2.1"));
+  EXPECT_EQ(v4.targets, std::vector{Velnet::IpGenAddr::parse("192.0.2.1")});
+  EXPECT_EQ(v4, (HealthCheckSpec{v4.targets, 1.0, 1.0, 3, 5}));
+  const auto& v6 = m.healthChecks.at(Velnet::IpGenAddr::parse("2001:db8::1"));
+  EXPECT_EQ(v6.targets.size(), 2u);
+  EXPECT_EQ(v6, (HealthCheckSpec{v6.targets, 0.2, 0.5, 2, 4}));
+  EXPECT_EQ(m.lines.healthChecks.at(Velnet::IpGenAddr::parse("2001:db8::1")), 3u);
+}
+
+TEST(ConfigLoaderTest, HealthCheckRangesTargetFamiliesAndAddressesAreChecked) {
+  const std::string head = "policy-maps: {}\nhealth-checks:\n  192.0.2.1:\n    ";
+  EXPECT_EQ(error(head + "interval: 0.01\n"),
+            "waymark.yaml:4:15: interval must be a number from 0.05 to 60, not '0.01'");
+  EXPECT_EQ(error(head + "timeout: 61\n"),
+            "waymark.yaml:4:14: timeout must be a number from 0.05 to 60, not '61'");
+  EXPECT_EQ(error(head + "down-after: 0\n"),
+            "waymark.yaml:4:17: down-after must be a whole number from 1 to 100, not '0'");
+  EXPECT_EQ(error(head + "up-after: 2.5\n"),
+            "waymark.yaml:4:15: up-after must be a whole number from 1 to 100, not '2.5'");
+  EXPECT_EQ(error(head + "targets: [198.51.100.1, 2001:db8::1]\n"),
+            "waymark.yaml:4:29: target 2001:db8::1 is not IPv4 like nexthop 192.0.2.1");
+  EXPECT_EQ(error(head + "every: 2\n"),
+            "waymark.yaml:4:5: unknown key 'every' in the health check of 192.0.2.1");
+  EXPECT_EQ(error("policy-maps: {}\nhealth-checks:\n  gateway: {}\n"),
+            "waymark.yaml:3:3: invalid nexthop address 'gateway'");
+  EXPECT_EQ(error("policy-maps: {}\nhealth-checks:\n  2001:db8::1: {}\n  2001:DB8::1: {}\n"),
+            "waymark.yaml:4:3: nexthop '2001:DB8::1' has two health checks");
+}
+
 TEST(ConfigLoaderTest, TheMangleTableIsTakenOverOnlyWhenTheFileSaysSo) {
   EXPECT_EQ(ConfigLoader::loadString("policy-maps: {}\n", "f").mangleTable,
             MangleTable::refuseIfForeign);
