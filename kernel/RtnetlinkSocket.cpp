@@ -56,6 +56,16 @@ int RtnetlinkSocket::request(nlmsghdr* message) {
   return answer(nullptr);
 }
 
+int RtnetlinkSocket::get(nlmsghdr* message, const std::function<void(const nlmsghdr&)>& each) {
+  if (!fd_.valid()) return -EBADF;
+  // The acknowledgement follows the answer and ends the exchange.
+  message->nlmsg_flags |= NLM_F_ACK;
+  message->nlmsg_seq = ++seq_;
+  ++requests_;
+  if (send(fd_.get(), message, message->nlmsg_len, 0) < 0) return -errno;
+  return answer(&each);
+}
+
 int RtnetlinkSocket::dump(nlmsghdr* message, const std::function<void(const nlmsghdr&)>& each) {
   if (!fd_.valid()) return -EBADF;
   message->nlmsg_flags |= NLM_F_DUMP;

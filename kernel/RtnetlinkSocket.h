@@ -21,6 +21,9 @@ class RtnetlinkSocket {
   // Sends `message` (its header's length says how long it is) with an
   // acknowledgement asked for; 0, or the kernel's -errno.
   int request(nlmsghdr* message);
+  // Sends a request for one object (a neighbour, a route) and hands the
+  // answer to `each`; 0 or the kernel's -errno (-ENOENT: there is none).
+  int get(nlmsghdr* message, const std::function<void(const nlmsghdr&)>& each);
   // Sends a dump request and hands every answering message to `each`; 0 or
   // -errno.
   int dump(nlmsghdr* message, const std::function<void(const nlmsghdr&)>& each);
