@@ -1,5 +1,8 @@
 #include "daemon/ConfigApplier.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace Waymark {
 
 namespace {
@@ -11,12 +14,19 @@ Vix::Ptr<Acl::AccessList> accessList(const std::string& name, const AccessListSp
 }
 
 Vix::Ptr<PolicyMap::PolicyMapConfig> policyMap(const std::string& name,
-                                               const std::vector<PolicyClassSpec>& classes) {
+                                               const std::vector<PolicyClassSpec>& classes,
+                                               const std::set<Velnet::IpGenAddr>& withdrawn) {
   std::vector<Vix::Ptr<PolicyMap::ClassMapConfig>> configs;
   for (const auto& c : classes) {
     // A named group reaches the plug-in as its list: the loader resolved it.
-    const auto fwd = Vix::make<Pbr::PbrFwdAction>(c.nexthops);
+    std::vector<Velnet::IpGenAddr> nexthops;
+    for (const auto& n : c.nexthops) {
+      if (withdrawn.count(n) == 0) nexthops.push_back(n);
+    }
+    // A class whose nexthops are all withdrawn selects none, as when none
+    // is programmed: its traffic follows the normal route.
     const uint8_t kind = c.nexthops.empty() ? PolicyMap::pbrFwdNone : PolicyMap::pbrFwdNexthops;
+    const auto fwd = Vix::make<Pbr::PbrFwdAction>(std::move(nexthops));
     auto action = Vix::make<PolicyMap::ClassAction>();
     action->actionIs(Vix::make<PolicyMap::Action>(PolicyMap::actionPbrFwd, kind, fwd));
     configs.push_back(Vix::make<PolicyMap::ClassMapConfig>(c.className, action));
@@ -24,9 +34,22 @@ Vix::Ptr<PolicyMap::PolicyMapConfig> policyMap(const std::string& name,
   return Vix::make<PolicyMap::PolicyMapConfig>(name, configs);
 }
 
+// Whether a class of `classes` names one of `nexthops`.
+bool names(const std::vector<PolicyClassSpec>& classes, const std::set<Velnet::IpGenAddr>& nexthops) {
+  for (const auto& c : classes) {
+    for (const auto& n : c.nexthops) {
+      if (nexthops.count(n) != 0) return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
-void ConfigApplier::apply(const ConfigModel& model) {
+void ConfigApplier::apply(const ConfigModel& model, const std::set<Velnet::IpGenAddr>& withdrawn) {
+  std::set<Velnet::IpGenAddr> changed;
+  std::set_symmetric_difference(withdrawn.begin(), withdrawn.end(), withdrawn_.begin(),
+                                withdrawn_.end(), std::inserter(changed, changed.end()));
   PolicyMap::PolicyMapTypeConfig& policies = *pbrConfig_->policyMapTypeConfig();
   PolicyMap::ClassMapTypeConfig& classes = *pbrConfig_->classMapTypeConfig();
 
@@ -44,7 +67,9 @@ void ConfigApplier::apply(const ConfigModel& model) {
   }
   for (const auto& [name, entry] : model.policyMaps) {
     const auto* old = applied_.policyMap(name);
-    if (old == nullptr || *old != entry) policies.policyMapIs(policyMap(name, entry));
+    if (old == nullptr || *old != entry || names(entry, changed)) {
+      policies.policyMapIs(policyMap(name, entry, withdrawn));
+    }
   }
   for (const auto& [intf, policy] : model.interfaces) policies.intfIs(intf, policy);
 
@@ -61,6 +86,7 @@ void ConfigApplier::apply(const ConfigModel& model) {
     if (model.accessLists.count(name) == 0) aclConfig_->accessListDel(name);
   }
   applied_ = model;
+  withdrawn_ = withdrawn;
 }
 
 }  // namespace Waymark

@@ -32,14 +32,33 @@ void ConfigGate::begin(const Vix::Ptr<Pbr::NexthopTableManager>& manager,
   applyRequested_ = true;
 }
 
-void ConfigGate::applyWhenQuiet(const ConfigModel& model) {
+std::set<Velnet::IpGenAddr> ConfigGate::checkedNexthops(const ConfigModel& model) {
+  std::set<Velnet::IpGenAddr> out;
+  for (const auto& addr : nexthopsNamed(model)) {
+    if (model.healthChecks.count(addr) != 0) out.insert(addr);
+  }
+  return out;
+}
+
+void ConfigGate::applyWhenQuiet(const ConfigModel& model,
+                                const std::set<Velnet::IpGenAddr>& withdrawn) {
   if (!applyRequested_ || !manager_) return;
   const bool quiet =
       manager_->pendingNexthops().empty() || manager_->nexthopProgrammingTimeLimit() == 0.0;
   if (!quiet) return;
   applyRequested_ = false;
   started_ = true;
-  applier_.apply(model);
+  // Taken before the classes let go and released after they take theirs,
+  // so that no count drops to nothing in between.
+  const std::set<Velnet::IpGenAddr> held = checkedNexthops(model);
+  for (const auto& addr : held) {
+    if (held_.count(addr) == 0) manager_->nexthopInc(addr, 1);
+  }
+  applier_.apply(model, withdrawn);
+  for (const auto& addr : held_) {
+    if (held.count(addr) == 0) manager_->nexthopInc(addr, 0xffffffffu);
+  }
+  held_ = held;
   for (const auto& addr : nexthops_) manager_->nexthopInc(addr, 0xffffffffu);
   nexthops_.clear();
 }

@@ -21,8 +21,13 @@
 //
 // With nexthop programming switched off (a time limit of 0) nothing would
 // ever become quiet, so the gate is open then.
+//
+// The gate also holds a reference on every health-checked nexthop that a
+// class names: one withdrawn from every class for failing its checks keeps
+// its table, route and rule, and coming back only rewrites its classes.
 #pragma once
 
+#include <set>
 #include <vector>
 
 #include "daemon/ConfigApplier.h"
@@ -48,8 +53,11 @@ class ConfigGate {
   // Asks for the configuration to be applied (a reload).
   void requestApply() { applyRequested_ = true; }
   // When an application is asked for and the loop is quiet: applies `model`
-  // and lets go of the start's references, which the classes hold by then.
-  void applyWhenQuiet(const ConfigModel& model);
+  // without the `withdrawn` nexthops, and lets go of the start's references,
+  // which the classes hold by then.
+  void applyWhenQuiet(const ConfigModel& model, const std::set<Velnet::IpGenAddr>& withdrawn = {});
+  // The nexthops a class of `model` names that have a health check.
+  static std::set<Velnet::IpGenAddr> checkedNexthops(const ConfigModel& model);
 
   // True until the first whole configuration is applied.
   bool startingUp() const { return !started_; }
@@ -60,6 +68,7 @@ class ConfigGate {
   ConfigApplier& applier_;
   Vix::Ptr<Pbr::NexthopTableManager> manager_;
   std::vector<Velnet::IpGenAddr> nexthops_;
+  std::set<Velnet::IpGenAddr> held_;
   bool applyRequested_ = false;
   bool started_ = false;
 };

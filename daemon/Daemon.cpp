@@ -209,6 +209,7 @@ bool Daemon::watch(const sigset_t& signals, std::string* error) {
   if (session_) {
     fds.push_back(session_->writerFd());
     if (session_->routingEventsFd() >= 0) fds.push_back(session_->routingEventsFd());
+    for (const int fd : session_->proberFds()) fds.push_back(fd);
   }
   for (const int fd : fds) {
     epoll_event ev{};
@@ -229,7 +230,7 @@ void Daemon::loop() {
     // A dry run shows one start: it ends when the start would be idle.
     if (options_.dryRun && router_->idle()) break;
     refreshMetrics();
-    double sleep = Vix::activityManager().sleepTime();
+    double sleep = router_->sleepTime();
     // The endpoint's metrics age by the refresh period at most, even when
     // nothing else wakes the loop.
     if (metrics_ && (sleep == Vix::kNever || sleep > kMetricsPeriod)) sleep = kMetricsPeriod;
@@ -268,6 +269,10 @@ void Daemon::serve(int timeout) {
       session_->takeWriterOutcomes(router_->plugin());
     } else if (session_ && fd == session_->routingEventsFd()) {
       session_->handleRoutingEvents(*router_->plugin().nexthopTableManager());
+    } else if (session_) {
+      session_->prober().receive([this](uint16_t sequence, const Velnet::IpGenAddr& from) {
+        router_->probeAnswered(sequence, from);
+      });
     }
   }
 }

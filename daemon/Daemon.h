@@ -3,7 +3,8 @@
 // work, a signalfd turns SIGHUP into a reload and SIGTERM/SIGINT into a stop
 // (the kernel stays programmed), the rtnetlink listener feeds interface
 // status, the kernel session's descriptors carry other tools' rules and the
-// writer's outcomes, and the control socket hands requests to the router.
+// writer's outcomes, the prober's sockets the health checks' answers, and the
+// control socket hands requests to the router.
 // Each turn runs one due timer (itself bounded by its time slice), then
 // waits.
 //

@@ -46,6 +46,12 @@ class PrintingIptablesWriter : public AclUtils::IptablesWriter {
   }
 };
 
+// A dry run sends no probes: every checked nexthop stays up while it runs.
+class NoProbes : public Kernel::ProbeSender {
+ public:
+  bool send(const Kernel::Probe&) override { return false; }
+};
+
 class DryRunKernel : public RouterKernel {
  public:
   // Reads the journal at `statePath` and the kernel's rules and tables.
@@ -64,6 +70,7 @@ class DryRunKernel : public RouterKernel {
 
   Pbr::CommandRunner& runner(CommandExecutor) override { return runner_; }
   AclUtils::IptablesWriter& writer() override { return writer_; }
+  Kernel::ProbeSender& prober() override { return prober_; }
   void reserveNumbers(Pbr::NexthopTableManager& manager) override { foreign_.reserveIn(manager); }
   void adopt(Pbr::NexthopTableManager& manager,
              const std::vector<Velnet::IpGenAddr>& nexthops) override {
@@ -73,6 +80,7 @@ class DryRunKernel : public RouterKernel {
  private:
   PrintingCommandRunner runner_;
   PrintingIptablesWriter writer_;
+  NoProbes prober_;
   Kernel::StateJournal journal_;
   ForeignNumbers foreign_;
   std::optional<PreviousRun> previous_;

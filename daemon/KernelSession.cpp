@@ -28,7 +28,7 @@ bool KernelSession::open(const ConfigModel& model, std::string* error, bool* for
   if (!guardMangleTable(model, error, foreignMangle)) return false;
   // Subscribed before the kernel is read, so that nothing another tool
   // adds in between goes unseen.
-  if (!routingEvents_.open(error)) return false;
+  if (!routingEvents_.open(error) || !prober_.open(error)) return false;
   journal_.load();
   std::vector<Kernel::PolicyRule> rules;
   std::vector<Kernel::RouteTableId> tables;

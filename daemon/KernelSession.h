@@ -18,6 +18,7 @@
 #include "daemon/PreviousRun.h"
 #include "daemon/RouterKernel.h"
 #include "kernel/AsyncIptablesWriter.h"
+#include "kernel/IcmpProber.h"
 #include "kernel/JournaledCommandRunner.h"
 #include "kernel/KernelRouting.h"
 #include "kernel/RestoreIptablesWriter.h"
@@ -44,11 +45,13 @@ class KernelSession : public RouterKernel {
   // The descriptors to wait on, and what to do when they are ready.
   int routingEventsFd() const { return routingEvents_.fd(); }
   int writerFd() const { return asyncWriter_.fd(); }
+  std::vector<int> proberFds() const { return prober_.fds(); }
   void handleRoutingEvents(Pbr::NexthopTableManager& manager);
   void takeWriterOutcomes(Pbr::AclPlugin& plugin);
 
   Pbr::CommandRunner& runner(CommandExecutor executor) override;
   AclUtils::IptablesWriter& writer() override { return asyncWriter_; }
+  Kernel::IcmpProber& prober() override { return prober_; }
   void reserveNumbers(Pbr::NexthopTableManager& manager) override;
   void adopt(Pbr::NexthopTableManager& manager,
              const std::vector<Velnet::IpGenAddr>& nexthops) override;
@@ -81,6 +84,7 @@ class KernelSession : public RouterKernel {
   std::set<std::string> existingChains_[2];
   std::unique_ptr<PreviousRun> previous_;
   Kernel::KernelRouting routing_;
+  Kernel::IcmpProber prober_;
   Kernel::RoutingEvents routingEvents_;
   std::unique_ptr<Pbr::CommandRunner> shellRunner_;
   std::unique_ptr<Pbr::CommandRunner> netlinkRunner_;

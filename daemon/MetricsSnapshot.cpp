@@ -59,20 +59,35 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
   out.push_back(std::move(bytes));
 
   auto up = family("waymark_nexthop_up",
-                   "1 while the nexthop is usable: inside a connected subnet, with resources",
+                   "1 while the nexthop is usable: inside a connected subnet, with resources, "
+                   "not down by its health check",
                    MetricType::Gauge);
   auto programmed =
       family("waymark_nexthop_programmed", "1 while the nexthop's rule and route are in the kernel",
              MetricType::Gauge);
+  auto loss = family("waymark_nexthop_probe_loss_ratio",
+                     "Health-check rounds unanswered among the last 20", MetricType::Gauge);
+  auto rtt = family("waymark_nexthop_rtt_seconds",
+                    "Round trip of the latest health-check answer", MetricType::Gauge);
   for (const auto& n : status.value("nexthops", nlohmann::json::array())) {
     const std::vector<ClientMetric::Label> labels = {{"nexthop", n.value("address", "")}};
-    const bool isUp = !n.value("withoutSubnet", false) && !n.value("withoutResources", false);
+    const bool isUp = !n.value("withoutSubnet", false) && !n.value("withoutResources", false) &&
+                      n.value("health", "") != "down";
     up.metric.push_back(sample(MetricType::Gauge, isUp ? 1 : 0, labels));
     programmed.metric.push_back(
         sample(MetricType::Gauge, n.value("programmed", false) ? 1 : 0, labels));
+    const auto check = n.value("healthCheck", nlohmann::json());
+    if (!check.is_object()) continue;
+    loss.metric.push_back(
+        sample(MetricType::Gauge, number(check["lossPercent"]) / 100.0, labels));
+    if (!check["rttMs"].is_null()) {
+      rtt.metric.push_back(sample(MetricType::Gauge, number(check["rttMs"]) / 1000.0, labels));
+    }
   }
   out.push_back(std::move(up));
   out.push_back(std::move(programmed));
+  out.push_back(std::move(loss));
+  out.push_back(std::move(rtt));
 
   const auto& queues = status.value("queues", nlohmann::json::object());
   auto queue = family("waymark_rule_queue_length", "Rule-queue elements waiting to be written",

@@ -60,6 +60,34 @@ void Router::start(ConfigModel model) {
   kernel_.adopt(*plugin_->nexthopTableManager(), ConfigGate::nexthopsNamed(model_));
   applyTunables(model_.tunables);
   gate_.begin(plugin_->nexthopTableManager(), model_);
+  configureHealthChecks();
+}
+
+void Router::configureHealthChecks() {
+  std::map<Velnet::IpGenAddr, HealthCheckSpec> checks;
+  for (const auto& nexthop : ConfigGate::checkedNexthops(model_)) {
+    checks.emplace(nexthop, model_.healthChecks.at(nexthop));
+  }
+  health_.configure(checks, clock_.now());
+}
+
+void Router::takeVerdicts() {
+  const auto verdicts = health_.takeVerdicts();
+  for (const auto& v : verdicts) {
+    event(v.up ? "nexthop-up" : "nexthop-down", "nexthop " + v.nexthop.stringValue() +
+                                                    (v.up ? " up: " : " down: ") + v.reason);
+  }
+  if (!verdicts.empty()) gate_.requestApply();
+}
+
+double Router::sleepTime() const {
+  const double health = std::max(0.0, health_.nextDue() - clock_.now());
+  return std::min(Vix::activityManager().sleepTime(), health);
+}
+
+void Router::probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from) {
+  health_.answered(sequence, from, clock_.now());
+  takeVerdicts();
 }
 
 void Router::turn() {
@@ -67,7 +95,9 @@ void Router::turn() {
   // One timer per turn: each is bounded by its own time slice, and the
   // loop serves its sockets between them.
   Vix::activityManager().runDue(1);
-  gate_.applyWhenQuiet(model_);
+  health_.run(clock_.now());
+  takeVerdicts();
+  gate_.applyWhenQuiet(model_, health_.down());
   advanceStartup();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());
   noticeChanges();
@@ -99,8 +129,9 @@ std::string Router::reload() {
     return lastReloadError_;
   }
   applyTunables(model_.tunables);
+  configureHealthChecks();
   gate_.requestApply();
-  gate_.applyWhenQuiet(model_);
+  gate_.applyWhenQuiet(model_, health_.down());
   lastReloadError_.clear();
   event("reload", "reloaded " + configPath_);
   configWarnings_ = ConfigLinter::warnings(model_);
@@ -152,13 +183,13 @@ nlohmann::json Router::addresses() const {
   return out;
 }
 
-std::string Router::interfaceOf(const Velnet::IpGenAddr& nexthop) const {
-  // The interface of the longest connected subnet that holds the nexthop.
-  std::string best;
+HealthMonitor::Link Router::linkOf(const Velnet::IpGenAddr& nexthop) const {
+  HealthMonitor::Link best;
   int bestLen = -1;
-  auto consider = [&](const std::string& name, bool holds, int len) {
+  auto consider = [&](const std::string& name, const Velnet::IpGenAddr& source, bool holds,
+                      int len) {
     if (holds && len > bestLen) {
-      best = name;
+      best = {name, source};
       bestLen = len;
     }
   };
@@ -166,7 +197,8 @@ std::string Router::interfaceOf(const Velnet::IpGenAddr& nexthop) const {
     ipStatus_->ipIntfStatusMap().forEach([&](const Ip::IpIntfStatus& intf) {
       auto check = [&](const Velnet::IpAddrWithMask& a) {
         if (a.maskLen() == 0) return;
-        consider(intf.key().stringValue(), Velnet::Prefix(a).contains(nexthop.v4()), a.maskLen());
+        consider(intf.key().stringValue(), a.addr(), Velnet::Prefix(a).contains(nexthop.v4()),
+                 a.maskLen());
       };
       check(intf.activeAddrWithMask());
       for (const auto& [addr, active] : intf.activeSecondaryWithMask()) {
@@ -177,8 +209,8 @@ std::string Router::interfaceOf(const Velnet::IpGenAddr& nexthop) const {
     ip6Status_->intfMap().forEach([&](const Ip6::IntfStatus& intf) {
       for (const auto& [addr, info] : intf.addrs()) {
         if (addr.maskLen() == 0) continue;
-        consider(intf.key().stringValue(), Velnet::Ip6Prefix(addr).contains(nexthop.v6()),
-                 addr.maskLen());
+        consider(intf.key().stringValue(), addr.addr(),
+                 Velnet::Ip6Prefix(addr).contains(nexthop.v6()), addr.maskLen());
       }
     });
   }
@@ -395,8 +427,11 @@ nlohmann::json Router::explain(const nlohmann::json& request) {
       out["table"] = manager.routeTable(inUse);
       out["nexthopState"] = StatusReport::nexthopState(manager, inUse);
     } else if (!c.nexthops.empty()) {
-      out["nexthopState"] = c.nexthops.front().stringValue() + ": " +
-                            StatusReport::nexthopState(manager, c.nexthops.front());
+      const auto& first = c.nexthops.front();
+      const auto health = health_.view(first);
+      out["nexthopState"] = first.stringValue() + ": " +
+                            (health && !health->up ? std::string("down by its health check")
+                                                   : StatusReport::nexthopState(manager, first));
     }
   }
   out["kernelRoute"] = kernel_.routeLookup(packet->src, packet->dst, packet->in, mark);
@@ -451,8 +486,9 @@ nlohmann::json Router::status() const {
   status["warnings"] = warnings;
   for (auto& nexthop : status["nexthops"]) {
     const auto address = Velnet::IpGenAddr::parse(nexthop["address"].get<std::string>());
-    const std::string intf = interfaceOf(address);
+    const std::string intf = linkOf(address).interface;
     nexthop["interface"] = intf.empty() ? nlohmann::json() : nlohmann::json(intf);
+    describeHealth(nexthop);
   }
   const auto& manager = *plugin_->nexthopTableManager();
   uint32_t programmed = 0;
@@ -474,6 +510,22 @@ nlohmann::json Router::status() const {
       {"writerIdle", !kernel_.writing()}};
   kernel_.describe(status);
   return status;
+}
+
+void Router::describeHealth(nlohmann::json& nexthop) const {
+  const auto view = health_.view(Velnet::IpGenAddr::parse(nexthop["address"].get<std::string>()));
+  if (!view) {
+    nexthop["health"] = "not checked";
+    nexthop["healthCheck"] = nullptr;
+    return;
+  }
+  nexthop["health"] = view->up ? "up" : "down";
+  nexthop["healthCheck"] = {
+      {"lastRound", view->lastAnswered
+                        ? nlohmann::json(*view->lastAnswered ? "answered" : "unanswered")
+                        : nlohmann::json()},
+      {"lossPercent", view->lossPercent},
+      {"rttMs", view->rttMs ? nlohmann::json(*view->rttMs) : nlohmann::json()}};
 }
 
 nlohmann::json Router::handle(const nlohmann::json& request) {

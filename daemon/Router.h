@@ -1,7 +1,8 @@
 // Waymark::Router: the router core of waymarkd, everything but the event
 // loop and the kernel itself. It holds the state database and its entities,
 // the plug-in, the configuration applier and gate, the tunables, the start's
-// phases, and answers the control requests (status, reload, set, idle). It
+// phases, the nexthops' health checks, and answers the control requests
+// (status, reload, set, idle, events, explain, counters, metrics). It
 // is built with its kernel (runners and writer, RouterKernel) and its clock
 // passed in, so that tests and benchmarks drive the real core with fakes on
 // virtual time. The Daemon owns one and calls turn() once per loop pass.
@@ -10,6 +11,9 @@
 // the policies name is referenced and programmed, then the policies follow
 // (ConfigGate), the held rules are written, and what the previous run left is
 // removed. The phases are what the status shows.
+//
+// A nexthop its health check finds down is withdrawn through the gate, as a
+// reload would: the classes' lists are applied again without it.
 #pragma once
 
 #include <cstdint>
@@ -29,6 +33,7 @@
 #include "daemon/ConfigApplier.h"
 #include "daemon/ConfigGate.h"
 #include "daemon/ConfigModel.h"
+#include "daemon/HealthMonitor.h"
 #include "daemon/InterfaceStatusSync.h"
 #include "daemon/RouterKernel.h"
 #include "framework/TimeSource.h"
@@ -55,9 +60,14 @@ class Router {
   // a good part of the daemon's memory): the plug-in, the numbers the
   // previous run held, the tunables, and the first references of the gate.
   void start(ConfigModel model);
-  // One pass of the loop: one due timer, the gate, the start's phases, and
-  // the events of what changed.
+  // One pass of the loop: one due timer, the health checks, the gate, the
+  // start's phases, and the events of what changed.
   void turn();
+  // Seconds the loop may sleep before turn() has work: 0 when it has some
+  // now, kNever when nothing is timed.
+  double sleepTime() const;
+  // An echo answer came in for the health checks.
+  void probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from);
 
   // Answers a control request.
   nlohmann::json handle(const nlohmann::json& request);
@@ -104,8 +114,15 @@ class Router {
   // Each interface's addresses as the router knows them: IPv4 primary
   // first, then secondaries, then IPv6.
   nlohmann::json addresses() const;
-  // The interface whose connected subnet holds `nexthop` (the longest), or "".
-  std::string interfaceOf(const Velnet::IpGenAddr& nexthop) const;
+  // The interface whose connected subnet holds `nexthop` (the longest) and
+  // the interface's address in it; no interface when none holds it.
+  HealthMonitor::Link linkOf(const Velnet::IpGenAddr& nexthop) const;
+  // Checks the nexthops that the classes of the model name, as it says.
+  void configureHealthChecks();
+  // Turns new verdicts into events and a new application of the model.
+  void takeVerdicts();
+  // A status nexthop entry's health fields.
+  void describeHealth(nlohmann::json& nexthop) const;
 
   RouterKernel& kernel_;
   const Vix::TimeSource& clock_;
@@ -121,6 +138,8 @@ class Router {
   InterfaceStatusSync interfaces_{ipStatus_, ip6Status_};
   ConfigApplier applier_{pbrConfig_, aclConfig_};
   ConfigGate gate_{applier_};
+  HealthMonitor health_{kernel_.prober(),
+                        [this](const Velnet::IpGenAddr& nexthop) { return linkOf(nexthop); }};
   Vix::Ptr<Pbr::AclPlugin> plugin_;
   StartupPhase phase_ = StartupPhase::programmingNexthops;
   double startedAt_;

@@ -17,6 +17,7 @@
 #include "kernel/CommandRunner.h"
 #include "kernel/IptablesWriter.h"
 #include "kernel/MangleReadback.h"
+#include "kernel/ProbeSender.h"
 #include "net/IpGenAddr.h"
 
 namespace Pbr {
@@ -33,6 +34,8 @@ class RouterKernel {
   // The runner the nexthop manager uses while `executor` is chosen.
   virtual Pbr::CommandRunner& runner(CommandExecutor executor) = 0;
   virtual AclUtils::IptablesWriter& writer() = 0;
+  // Sends the health checks' echo requests.
+  virtual Kernel::ProbeSender& prober() = 0;
 
   // Keeps out of the manager's hands the numbers another tool uses; after
   // every loop turn, since a number waymark lets go of may be one of them.

@@ -11,6 +11,7 @@
 #include "kernel/RestoreIptablesWriter.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/RecordingIptablesWriter.h"
+#include "tests/support/RecordingProbeSender.h"
 
 namespace waymark::test {
 
@@ -23,6 +24,7 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   AclUtils::IptablesWriter& writer() override {
     return real_ ? static_cast<AclUtils::IptablesWriter&>(restore_) : recordingWriter;
   }
+  Kernel::ProbeSender& prober() override { return probes; }
   void nexthopsProgrammed() override { ++nexthopsProgrammedCalls; }
   bool writing() const override { return busy; }
   void rulesWritten(Pbr::NexthopTableManager&) override { ++rulesWrittenCalls; }
@@ -39,6 +41,7 @@ class FakeRouterKernel : public Waymark::RouterKernel {
 
   RecordingCommandRunner recordingRunner;
   RecordingIptablesWriter recordingWriter;
+  RecordingProbeSender probes;
   std::vector<Waymark::CommandExecutor> executors;  // each runner() asked for
   bool busy = false;
   Kernel::MangleReadback::RuleCounters counters[2];  // what each family's read-back says
