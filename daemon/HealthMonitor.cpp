@@ -10,6 +10,8 @@ namespace {
 
 // Rounds the loss figure looks back over.
 constexpr size_t kLossWindow = 20;
+// Times a round sends to its targets while none answers.
+constexpr int kTries = 3;
 
 std::string targetList(const std::vector<Velnet::IpGenAddr>& targets) {
   std::string out;
@@ -51,8 +53,9 @@ void HealthMonitor::run(double now) {
       if (round.started + check.spec.timeout <= now) {
         settle(round, Result::unanswered);
         judged = true;
-      } else if (!round.retried && round.started + check.spec.timeout / 2 <= now) {
-        round.retried = true;
+      } else if (round.tries < kTries &&
+                 round.started + round.tries * check.spec.timeout / kTries <= now) {
+        ++round.tries;
         sendProbes(nexthop, check, round, now);
       }
     }
@@ -67,7 +70,7 @@ void HealthMonitor::run(double now) {
 }
 
 void HealthMonitor::startRound(const Velnet::IpGenAddr& nexthop, Check& check, double now) {
-  Round round{check.rounds++, now, Result::waiting, false, {}};
+  Round round{check.rounds++, now, Result::waiting, 1, {}};
   sendProbes(nexthop, check, round, now);
   check.history.push_back(std::move(round));
   const size_t keep = std::max<size_t>({kLossWindow, check.spec.downAfter, check.spec.upAfter});
@@ -144,7 +147,8 @@ double HealthMonitor::nextDue() const {
     due = std::min(due, check.nextStart);
     for (const auto& round : check.history) {
       if (round.result != Result::waiting) continue;
-      const double wait = round.retried ? check.spec.timeout : check.spec.timeout / 2;
+      const double wait = round.tries < kTries ? round.tries * check.spec.timeout / kTries
+                                               : check.spec.timeout;
       due = std::min(due, round.started + wait);
     }
   }
@@ -165,6 +169,7 @@ std::optional<HealthMonitor::View> HealthMonitor::view(const Velnet::IpGenAddr& 
   const Check& check = it->second;
   View v;
   v.up = check.up;
+  v.rounds = check.rounds;
   size_t judged = 0;
   size_t lost = 0;
   for (auto r = check.history.rbegin(); r != check.history.rend() && judged < kLossWindow; ++r) {

@@ -4,9 +4,10 @@
 // nexthops from the classes' lists.
 //
 // Every `interval` a round sends one probe to each target, and again to each
-// once half the timeout has passed without an answer, so that one lost echo
-// does not lose the round; the round is answered when any target answers
-// within `timeout`, unanswered when none has by then. Rounds overlap when the timeout is longer than the interval,
+// after a third and after two thirds of the timeout while none has answered,
+// so that a lost echo or two do not lose the round (at 20% loss, one round in
+// 125 is lost instead of one in 5); the round is answered when any target
+// answers within `timeout`, unanswered when none has by then. Rounds overlap when the timeout is longer than the interval,
 // and answers may come late or out of order, so each round is judged on its
 // own: a nexthop goes down when the latest judged round ends a run of
 // `down-after` unanswered ones, and comes back when it ends a run of
@@ -59,6 +60,8 @@ class HealthMonitor {
     double lossPercent = 0.0;
     // The round trip of the latest answer, in milliseconds.
     std::optional<double> rttMs;
+    // Rounds started since the check began.
+    uint64_t rounds = 0;
   };
 
   // REQUIRES: `sender` outlives the monitor.
@@ -88,7 +91,7 @@ class HealthMonitor {
     uint64_t index;
     double started;
     Result result = Result::waiting;
-    bool retried = false;
+    int tries = 1;
     std::vector<uint16_t> sequences;
   };
   struct Check {

@@ -525,6 +525,7 @@ void Router::describeHealth(nlohmann::json& nexthop) const {
                         ? nlohmann::json(*view->lastAnswered ? "answered" : "unanswered")
                         : nlohmann::json()},
       {"lossPercent", view->lossPercent},
+      {"rounds", view->rounds},
       {"rttMs", view->rttMs ? nlohmann::json(*view->rttMs) : nlohmann::json()}};
 }
 

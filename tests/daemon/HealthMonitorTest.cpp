@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <map>
 #include <optional>
@@ -94,7 +95,7 @@ TEST_F(HealthMonitorTest, DownAfterDownAfterSilentRoundsAndUpAfterUpAfterAnswere
   // Rounds at 131, 132 and 133 go unanswered; the third's time is up at 134.
   runUntil(133.99);
   EXPECT_TRUE(seen.empty());
-  runUntil(140.5);
+  runUntil(140.9);
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_NEAR(seen[0].at, 134.0, 1e-9);
   EXPECT_FALSE(seen[0].up);
@@ -166,15 +167,15 @@ TEST_F(HealthMonitorTest, OverlappingRoundsAnsweredOutOfOrderAreJudgedEachOnItsO
   EXPECT_EQ(monitor.view(kNexthop)->lossPercent, 0.0);
 
   // Checked afresh: the rounds at 0, 0.25 and 0.5 s are lost with their
-  // second tries (probes 1 to 5 and 7), the one at 0.75 s is answered at
-  // once. Their times are up only after that answer, which is the news that
-  // counts.
+  // later tries, the one at 0.75 s is answered at once. Their times are up
+  // only after that answer, which is the news that counts.
   monitor.configure({}, now);
   check({{kNexthop}, 0.25, 1.0, 3, 3});
-  probe = 0;
+  const double start = now;
   network = [&](const Kernel::Probe&) -> std::optional<double> {
-    ++probe;
-    if (probe <= 5 || probe == 7) return std::nullopt;
+    const double phase = std::fmod(now - start + 1e-9, 0.25);
+    const bool firstTry = phase < 2e-9;
+    if (now - start < 0.7 || !firstTry) return std::nullopt;
     return 0.05;
   };
   runUntil(now + 4.9);  // twenty rounds judged
@@ -182,16 +183,16 @@ TEST_F(HealthMonitorTest, OverlappingRoundsAnsweredOutOfOrderAreJudgedEachOnItsO
   EXPECT_EQ(monitor.view(kNexthop)->lossPercent, 15.0);
 }
 
-TEST_F(HealthMonitorTest, ARoundTriesAgainAfterHalfItsTimeoutSoOneLostEchoLosesNothing) {
+TEST_F(HealthMonitorTest, ARoundTriesAgainWhileUnansweredSoTwoLostEchoesLoseNothing) {
   check({{kNexthop}, 1.0, 1.0, 1, 5});
   size_t probes = 0;
   network = [&](const Kernel::Probe&) -> std::optional<double> {
-    if (++probes % 2 == 1) return std::nullopt;
+    if (++probes % 3 != 0) return std::nullopt;
     return 0.01;
   };
   runUntil(119.9);
   EXPECT_TRUE(seen.empty());
-  EXPECT_EQ(sender.sent.size(), 40u);
+  EXPECT_EQ(sender.sent.size(), 60u);
   EXPECT_EQ(sender.sent[1].sequence, sender.sent[0].sequence + 1);
   EXPECT_NEAR(*monitor.view(kNexthop)->rttMs, 10.0, 1e-6);
 }
@@ -210,7 +211,7 @@ TEST_F(HealthMonitorTest, TheViewShowsTheLatestRoundLossOverTwentyRoundsAndRound
   check({{kNexthop}, 1.0, 1.0, 3, 5});
   EXPECT_TRUE(monitor.view(kNexthop)->up);
   EXPECT_FALSE(monitor.view(kNexthop)->lastAnswered);
-  // Every fifth round lost, both of its echoes.
+  // Every fifth round lost, all of its echoes.
   network = [&](const Kernel::Probe&) -> std::optional<double> {
     if (static_cast<int>(now - 100.0) % 5 == 0) return std::nullopt;
     return 0.003;
