@@ -1,6 +1,7 @@
 #include "cli/StatusFormatter.h"
 
 #include <algorithm>
+#include <iomanip>
 #include <sstream>
 #include <vector>
 
@@ -60,13 +61,27 @@ std::string StatusFormatter::policies(const nlohmann::json& status) {
   return table({"POLICY", "FAMILY", "CHAIN", "INTERFACES", "CLASS -> NEXTHOP"}, rows);
 }
 
+std::string StatusFormatter::health(const nlohmann::json& nexthop) {
+  const auto check = nexthop.value("healthCheck", nlohmann::json());
+  if (!check.is_object()) return "-";
+  std::ostringstream out;
+  out << std::fixed << std::setprecision(0) << nexthop.value("health", "") << " (loss "
+      << check.value("lossPercent", 0.0) << "%";
+  if (check["rttMs"].is_number()) {
+    out << ", " << std::setprecision(1) << check["rttMs"].get<double>() << " ms";
+  }
+  out << ")";
+  return out.str();
+}
+
 std::string StatusFormatter::nexthops(const nlohmann::json& status) {
   std::vector<Row> rows;
   for (const auto& n : status.at("nexthops")) {
     rows.push_back({text(n.at("address")), text(n.at("refs")), text(n.at("fwmark")),
-                    text(n.at("table")), text(n.at("priority")), text(n.at("state"))});
+                    text(n.at("table")), text(n.at("priority")), text(n.at("state")),
+                    health(n)});
   }
-  return table({"NEXTHOP", "REFS", "MARK", "TABLE", "PRIORITY", "STATE"}, rows);
+  return table({"NEXTHOP", "REFS", "MARK", "TABLE", "PRIORITY", "STATE", "HEALTH"}, rows);
 }
 
 std::string StatusFormatter::counters(const nlohmann::json& status) {

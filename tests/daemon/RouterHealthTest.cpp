@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/StatusFormatter.h"
 #include "tests/plugin/PbrSystemTest.h"
 
 namespace waymark::test {
@@ -96,6 +97,8 @@ TEST_F(RouterHealthTest, ASilentNexthopLeavesItsClassesKeepsItsTableAndComesBack
   EXPECT_EQ(n["programmed"], true);
   EXPECT_EQ(n["healthCheck"]["lastRound"], "unanswered");
   EXPECT_EQ(nexthopStatus("192.0.2.9")["health"], "not checked");
+  const std::string table = Waymark::StatusFormatter::nexthops(router.status());
+  EXPECT_NE(table.find("down (loss 33%, 0.0 ms)"), std::string::npos) << table;
   EXPECT_EQ(events("nexthop-down"),
             std::vector<std::string>{
                 "nexthop 192.0.2.1 down: no answer from 192.0.2.1 in 2 rounds in a row"});
