@@ -11,7 +11,7 @@ CTEST_ARGS ?=
 # Debian packages the build and the tests need.
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
            clang-format iproute2 iptables procps libyaml-dev nlohmann-json3-dev \
-           prometheus-cpp-dev curl
+           prometheus-cpp-dev curl jq
 
 .PHONY: all deps build test test-asan fuzz reliability bench bench-build bench-scale demo clean format format-check
 

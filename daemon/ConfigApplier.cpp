@@ -87,6 +87,7 @@ void ConfigApplier::apply(const ConfigModel& model, const std::set<Velnet::IpGen
   }
   applied_ = model;
   withdrawn_ = withdrawn;
+  ++applications_;
 }
 
 }  // namespace Waymark

@@ -30,12 +30,15 @@ class ConfigApplier {
   // Makes the entities say what `model` says, without `withdrawn`.
   void apply(const ConfigModel& model, const std::set<Velnet::IpGenAddr>& withdrawn = {});
   const ConfigModel& applied() const { return applied_; }
+  // How many times apply() ran.
+  uint32_t applications() const { return applications_; }
 
  private:
   const Vix::Ptr<Pbr::Config> pbrConfig_;
   const Vix::Ptr<Acl::Config> aclConfig_;
   ConfigModel applied_;
   std::set<Velnet::IpGenAddr> withdrawn_;
+  uint32_t applications_ = 0;
 };
 
 }  // namespace Waymark

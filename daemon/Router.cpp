@@ -239,7 +239,7 @@ void Router::noticeChanges() {
   const auto activity =
       std::make_tuple(m.nexthopsAdded(), m.nexthopsDeleted(), m.pendingNexthops().members(),
                       m.nexthopsWithoutResources().members(), m.programmedSet().members(),
-                      gate_.waiting(), failed[0], failed[1],
+                      gate_.waiting(), applier_.applications(), failed[0], failed[1],
                       ipStatus_->ipIntfStatusMap().members() + ip6Status_->intfMap().members());
   if (activity == activity_) return;
   activity_ = activity;

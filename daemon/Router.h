@@ -162,7 +162,8 @@ class Router {
   std::map<Velnet::IpGenAddr, std::string> nexthopStates_;
   std::map<std::pair<std::string, std::string>, std::string> selections_;
   uint32_t batchesFailed_[2] = {0, 0};
-  std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, bool, uint32_t, uint32_t, uint32_t>
+  std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, bool, uint32_t, uint32_t, uint32_t,
+             uint32_t>
       activity_{};
   std::set<std::string> warned_;
   std::vector<std::string> configWarnings_;

@@ -102,6 +102,11 @@ TEST_F(RouterHealthTest, ASilentNexthopLeavesItsClassesKeepsItsTableAndComesBack
   EXPECT_EQ(events("nexthop-down"),
             std::vector<std::string>{
                 "nexthop 192.0.2.1 down: no answer from 192.0.2.1 in 2 rounds in a row"});
+  EXPECT_EQ(events("class-nexthop"),
+            (std::vector<std::string>{"policy edge class web: nexthop none -> 192.0.2.1",
+                                      "policy edge class dns: nexthop none -> 192.0.2.1",
+                                      "policy edge class web: nexthop 192.0.2.1 -> 192.0.2.9",
+                                      "policy edge class dns: nexthop 192.0.2.1 -> none"}));
   EXPECT_NE(router.handle({{"command", "metrics"}})["text"].get<std::string>().find(
                 "waymark_nexthop_up{nexthop=\"192.0.2.1\"} 0"),
             std::string::npos);
