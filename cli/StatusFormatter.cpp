@@ -61,27 +61,33 @@ std::string StatusFormatter::policies(const nlohmann::json& status) {
   return table({"POLICY", "FAMILY", "CHAIN", "INTERFACES", "CLASS -> NEXTHOP"}, rows);
 }
 
-std::string StatusFormatter::health(const nlohmann::json& nexthop) {
+std::vector<std::string> StatusFormatter::health(const nlohmann::json& nexthop) {
   const auto check = nexthop.value("healthCheck", nlohmann::json());
-  if (!check.is_object()) return "-";
-  std::ostringstream out;
-  out << std::fixed << std::setprecision(0) << nexthop.value("health", "") << " (loss "
-      << check.value("lossPercent", 0.0) << "%";
+  if (!check.is_object()) return {"-", "-", "-"};
+  std::ostringstream loss;
+  loss << std::fixed << std::setprecision(0) << check.value("lossPercent", 0.0) << "%";
+  std::ostringstream rtt;
   if (check["rttMs"].is_number()) {
-    out << ", " << std::setprecision(1) << check["rttMs"].get<double>() << " ms";
+    rtt << std::fixed << std::setprecision(1) << check["rttMs"].get<double>() << "ms";
+  } else {
+    rtt << "-";
   }
-  out << ")";
-  return out.str();
+  return {nexthop.value("health", ""), loss.str(), rtt.str()};
 }
 
 std::string StatusFormatter::nexthops(const nlohmann::json& status) {
   std::vector<Row> rows;
   for (const auto& n : status.at("nexthops")) {
-    rows.push_back({text(n.at("address")), text(n.at("refs")), text(n.at("fwmark")),
-                    text(n.at("table")), text(n.at("priority")), text(n.at("state")),
-                    health(n)});
+    Row row = {text(n.at("address")), text(n.at("refs")), text(n.at("fwmark")),
+               text(n.at("table")), text(n.at("priority"))};
+    for (auto& cell : health(n)) row.push_back(std::move(cell));
+    row.push_back(text(n.at("state")));
+    rows.push_back(std::move(row));
   }
-  return table({"NEXTHOP", "REFS", "MARK", "TABLE", "PRIORITY", "STATE", "HEALTH"}, rows);
+  // The state, free text, comes last, so that scripts can take the rest of
+  // the line.
+  return table({"NEXTHOP", "REFS", "MARK", "TABLE", "PRIORITY", "HEALTH", "LOSS", "RTT", "STATE"},
+               rows);
 }
 
 std::string StatusFormatter::counters(const nlohmann::json& status) {

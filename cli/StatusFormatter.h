@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 namespace Waymark {
 
@@ -14,8 +15,9 @@ class StatusFormatter {
  public:
   static std::string policies(const nlohmann::json& status);
   static std::string nexthops(const nlohmann::json& status);
-  // A nexthop's health check at a glance: "up (loss 5%, 0.3 ms)", or "-".
-  static std::string health(const nlohmann::json& nexthop);
+  // A nexthop's health check at a glance: verdict, loss, round trip
+  // ("up", "5%", "0.3ms"), or "-" for each when it has none.
+  static std::vector<std::string> health(const nlohmann::json& nexthop);
   static std::string counters(const nlohmann::json& status);
   // Each class's traffic: the "classes" of a counters reply.
   static std::string classTraffic(const nlohmann::json& reply);

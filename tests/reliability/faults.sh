@@ -40,7 +40,7 @@ fault() { echo "$2" > "$RUN/faults/$1"; }
 clear_faults() { rm -f "$RUN/faults/ip" "$RUN/faults/iptables-restore" "$RUN/faults/ip6tables-restore"; }
 DAEMON_ENV="PATH=$RUN/bin:$PATH"
 DAEMON_ARGS="--child-time-limit 2"
-state_of() { lab_ctl nexthops | awk -v a="$1" '$1 == a {s = $6; for (i = 7; i <= NF; i++) s = s " " $i; print s}'; }
+state_of() { lab_ctl nexthops | awk -v a="$1" '$1 == a {s = $9; for (i = 10; i <= NF; i++) s = s " " $i; print s}'; }
 counter() { lab_ctl counters | awk -v g="$1" -v c="$2" '$1 == g && $2 == c {print $3}'; }
 serving() { lab_ctl status >/dev/null 2>&1 && echo yes || echo no; }
 flap() { in_ns router ip link set "$1" down; lab_settle >/dev/null; in_ns router ip link set "$1" up; lab_settle >/dev/null; }
