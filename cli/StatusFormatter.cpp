@@ -78,8 +78,8 @@ std::vector<std::string> StatusFormatter::health(const nlohmann::json& nexthop) 
 std::string StatusFormatter::nexthops(const nlohmann::json& status) {
   std::vector<Row> rows;
   for (const auto& n : status.at("nexthops")) {
-    Row row = {text(n.at("address")), text(n.at("refs")), text(n.at("fwmark")),
-               text(n.at("table")), text(n.at("priority"))};
+    Row row = {text(n.at("address")), text(n.at("refs")), text(n.at("fwmark")), text(n.at("table")),
+               text(n.at("priority"))};
     for (auto& cell : health(n)) row.push_back(std::move(cell));
     row.push_back(text(n.at("state")));
     rows.push_back(std::move(row));

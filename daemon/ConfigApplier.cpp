@@ -35,7 +35,8 @@ Vix::Ptr<PolicyMap::PolicyMapConfig> policyMap(const std::string& name,
 }
 
 // Whether a class of `classes` names one of `nexthops`.
-bool names(const std::vector<PolicyClassSpec>& classes, const std::set<Velnet::IpGenAddr>& nexthops) {
+bool names(const std::vector<PolicyClassSpec>& classes,
+           const std::set<Velnet::IpGenAddr>& nexthops) {
   for (const auto& c : classes) {
     for (const auto& n : c.nexthops) {
       if (nexthops.count(n) != 0) return true;

@@ -158,8 +158,7 @@ std::vector<Velnet::IpGenAddr> readNexthopList(Reader& r, const YamlNode& node,
   return out;
 }
 
-HealthCheckSpec readHealthCheck(Reader& r, const Velnet::IpGenAddr& nexthop,
-                                const YamlNode& node) {
+HealthCheckSpec readHealthCheck(Reader& r, const Velnet::IpGenAddr& nexthop, const YamlNode& node) {
   HealthCheckSpec check;
   if (!node.isNull()) {
     const std::string what = "the health check of " + nexthop.stringValue();

@@ -1,7 +1,7 @@
 // Waymark::ConfigModel: the configuration file as plain, fully validated
 // values: tunables, access lists, class maps, policy maps, the policy each
-// interface applies and the nexthops' health checks. The loader produces it; the applier turns the difference
-// between two of them into changes of the mounted configuration entities.
+// interface applies and the nexthops' health checks. The loader produces it; the applier turns the
+// difference between two of them into changes of the mounted configuration entities.
 #pragma once
 
 #include <cstdint>
@@ -41,8 +41,8 @@ struct HealthCheckSpec {
   // Probed each round; the loader fills in the nexthop itself when the file
   // names none.
   std::vector<Velnet::IpGenAddr> targets;
-  double interval = 1.0;  // seconds between rounds
-  double timeout = 1.0;   // seconds a round waits for an answer
+  double interval = 1.0;   // seconds between rounds
+  double timeout = 1.0;    // seconds a round waits for an answer
   uint32_t downAfter = 3;  // unanswered rounds in a row that withdraw it
   uint32_t upAfter = 5;    // answered rounds in a row that restore it
   bool operator==(const HealthCheckSpec&) const = default;

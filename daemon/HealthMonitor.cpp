@@ -31,11 +31,11 @@ void HealthMonitor::configure(const std::map<Velnet::IpGenAddr, HealthCheckSpec>
     forget(it->second);
     it = checks_.erase(it);
   }
-  for (const auto& [nexthop, spec] : checks) {
+  for (const auto& [nexthop, settings] : checks) {
     const auto [it, added] = checks_.try_emplace(nexthop);
     Check& check = it->second;
-    check.spec = spec;
-    check.nextStart = added ? now : std::min(check.nextStart, now + spec.interval);
+    check.settings = settings;
+    check.nextStart = added ? now : std::min(check.nextStart, now + settings.interval);
   }
 }
 
@@ -50,11 +50,11 @@ void HealthMonitor::run(double now) {
     bool judged = false;
     for (auto& round : check.history) {
       if (round.result != Result::waiting) continue;
-      if (round.started + check.spec.timeout <= now) {
+      if (round.started + check.settings.timeout <= now) {
         settle(round, Result::unanswered);
         judged = true;
       } else if (round.tries < kTries &&
-                 round.started + round.tries * check.spec.timeout / kTries <= now) {
+                 round.started + round.tries * check.settings.timeout / kTries <= now) {
         ++round.tries;
         sendProbes(nexthop, check, round, now);
       }
@@ -64,8 +64,8 @@ void HealthMonitor::run(double now) {
     startRound(nexthop, check, now);
     // A loop that fell behind skips the rounds it missed rather than
     // sending them in a burst.
-    check.nextStart += check.spec.interval;
-    if (check.nextStart <= now) check.nextStart = now + check.spec.interval;
+    check.nextStart += check.settings.interval;
+    if (check.nextStart <= now) check.nextStart = now + check.settings.interval;
   }
 }
 
@@ -73,7 +73,8 @@ void HealthMonitor::startRound(const Velnet::IpGenAddr& nexthop, Check& check, d
   Round round{check.rounds++, now, Result::waiting, 1, {}};
   sendProbes(nexthop, check, round, now);
   check.history.push_back(std::move(round));
-  const size_t keep = std::max<size_t>({kLossWindow, check.spec.downAfter, check.spec.upAfter});
+  const size_t keep =
+      std::max<size_t>({kLossWindow, check.settings.downAfter, check.settings.upAfter});
   auto judged = static_cast<size_t>(
       std::count_if(check.history.begin(), check.history.end(),
                     [](const Round& r) { return r.result != Result::waiting; }));
@@ -86,7 +87,7 @@ void HealthMonitor::sendProbes(const Velnet::IpGenAddr& nexthop, const Check& ch
                                double now) {
   const Link link = locate_(nexthop);
   if (link.interface.empty()) return;
-  for (const auto& target : check.spec.targets) {
+  for (const auto& target : check.settings.targets) {
     const uint16_t sequence = nextSequence_++;
     if (!sender_.send({sequence, target, nexthop, link.interface, link.source})) continue;
     outstanding_[sequence] = {nexthop, round.index, target, now};
@@ -114,7 +115,7 @@ void HealthMonitor::answered(uint16_t sequence, const Velnet::IpGenAddr& from, d
   for (auto& round : check.history) {
     if (round.index != probe.round || round.result != Result::waiting) continue;
     // An answer the loop takes in after the round's time is up is late.
-    const bool late = now - round.started > check.spec.timeout;
+    const bool late = now - round.started > check.settings.timeout;
     settle(round, late ? Result::unanswered : Result::answered);
     if (!late) check.rtt = now - probe.sent;
     judge(probe.nexthop, check);
@@ -130,12 +131,12 @@ void HealthMonitor::judge(const Velnet::IpGenAddr& nexthop, Check& check) {
   const auto end = std::find_if(latest, check.history.rend(),
                                 [&](const Round& r) { return r.result != result; });
   const auto run = static_cast<uint32_t>(end - latest);
-  if (check.up && result == Result::unanswered && run >= check.spec.downAfter) {
+  if (check.up && result == Result::unanswered && run >= check.settings.downAfter) {
     check.up = false;
     verdicts_.push_back({nexthop, false,
-                         "no answer from " + targetList(check.spec.targets) + " in " +
+                         "no answer from " + targetList(check.settings.targets) + " in " +
                              std::to_string(run) + " rounds in a row"});
-  } else if (!check.up && result == Result::answered && run >= check.spec.upAfter) {
+  } else if (!check.up && result == Result::answered && run >= check.settings.upAfter) {
     check.up = true;
     verdicts_.push_back({nexthop, true, "answered " + std::to_string(run) + " rounds in a row"});
   }
@@ -147,8 +148,8 @@ double HealthMonitor::nextDue() const {
     due = std::min(due, check.nextStart);
     for (const auto& round : check.history) {
       if (round.result != Result::waiting) continue;
-      const double wait = round.tries < kTries ? round.tries * check.spec.timeout / kTries
-                                               : check.spec.timeout;
+      const double wait = round.tries < kTries ? round.tries * check.settings.timeout / kTries
+                                               : check.settings.timeout;
       due = std::min(due, round.started + wait);
     }
   }

@@ -7,12 +7,11 @@
 // after a third and after two thirds of the timeout while none has answered,
 // so that a lost echo or two do not lose the round (at 20% loss, one round in
 // 125 is lost instead of one in 5); the round is answered when any target
-// answers within `timeout`, unanswered when none has by then. Rounds overlap when the timeout is longer than the interval,
-// and answers may come late or out of order, so each round is judged on its
-// own: a nexthop goes down when the latest judged round ends a run of
-// `down-after` unanswered ones, and comes back when it ends a run of
-// `up-after` answered ones. A round still waiting breaks a run. Late answers
-// count for nothing. A nexthop starts up: withdrawing it needs evidence.
+// answers within `timeout`, unanswered when none has by then. Rounds overlap when the timeout is
+// longer than the interval, and answers may come late or out of order, so each round is judged on
+// its own: a nexthop goes down when the latest judged round ends a run of `down-after` unanswered
+// ones, and comes back when it ends a run of `up-after` answered ones. A round still waiting breaks
+// a run. Late answers count for nothing. A nexthop starts up: withdrawing it needs evidence.
 //
 // Time is passed in, so that tests drive it on virtual time.
 #pragma once
@@ -95,7 +94,7 @@ class HealthMonitor {
     std::vector<uint16_t> sequences;
   };
   struct Check {
-    HealthCheckSpec spec;
+    HealthCheckSpec settings;
     bool up = true;
     uint64_t rounds = 0;
     double nextStart = 0.0;

@@ -67,8 +67,8 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
              MetricType::Gauge);
   auto loss = family("waymark_nexthop_probe_loss_ratio",
                      "Health-check rounds unanswered among the last 20", MetricType::Gauge);
-  auto rtt = family("waymark_nexthop_rtt_seconds",
-                    "Round trip of the latest health-check answer", MetricType::Gauge);
+  auto rtt = family("waymark_nexthop_rtt_seconds", "Round trip of the latest health-check answer",
+                    MetricType::Gauge);
   for (const auto& n : status.value("nexthops", nlohmann::json::array())) {
     const std::vector<ClientMetric::Label> labels = {{"nexthop", n.value("address", "")}};
     const bool isUp = !n.value("withoutSubnet", false) && !n.value("withoutResources", false) &&
@@ -78,8 +78,7 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
         sample(MetricType::Gauge, n.value("programmed", false) ? 1 : 0, labels));
     const auto check = n.value("healthCheck", nlohmann::json());
     if (!check.is_object()) continue;
-    loss.metric.push_back(
-        sample(MetricType::Gauge, number(check["lossPercent"]) / 100.0, labels));
+    loss.metric.push_back(sample(MetricType::Gauge, number(check["lossPercent"]) / 100.0, labels));
     if (!check["rttMs"].is_null()) {
       rtt.metric.push_back(sample(MetricType::Gauge, number(check["rttMs"]) / 1000.0, labels));
     }

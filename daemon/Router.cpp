@@ -74,8 +74,8 @@ void Router::configureHealthChecks() {
 void Router::takeVerdicts() {
   const auto verdicts = health_.takeVerdicts();
   for (const auto& v : verdicts) {
-    event(v.up ? "nexthop-up" : "nexthop-down", "nexthop " + v.nexthop.stringValue() +
-                                                    (v.up ? " up: " : " down: ") + v.reason);
+    event(v.up ? "nexthop-up" : "nexthop-down",
+          "nexthop " + v.nexthop.stringValue() + (v.up ? " up: " : " down: ") + v.reason);
   }
   if (!verdicts.empty()) gate_.requestApply();
 }

@@ -106,6 +106,17 @@ FileDescriptor packetSocket(uint16_t ethertype, std::vector<sock_filter> program
   return fd;
 }
 
+// Puts `info` in `msg`'s control buffer as its one control message.
+template <class Info>
+void attach(msghdr& msg, int level, int type, const Info& info) {
+  msg.msg_controllen = CMSG_SPACE(sizeof info);
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = level;
+  c->cmsg_type = type;
+  c->cmsg_len = CMSG_LEN(sizeof info);
+  std::memcpy(CMSG_DATA(c), &info, sizeof info);
+}
+
 // A raw socket that only sends: its copies of incoming ICMP are filtered out.
 FileDescriptor sendingSocket(bool v6) {
   FileDescriptor fd(socket(v6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK,
@@ -232,29 +243,19 @@ bool IcmpProber::sendRouted(const Probe& probe, int ifindex) {
     to6.sin6_scope_id = static_cast<uint32_t>(ifindex);
     msg.msg_name = &to6;
     msg.msg_namelen = sizeof to6;
-    msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
-    cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    c->cmsg_level = IPPROTO_IPV6;
-    c->cmsg_type = IPV6_PKTINFO;
-    c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
     in6_pktinfo info{};
     if (probe.source.isV6()) putAddress(info.ipi6_addr.s6_addr, probe.source);
     info.ipi6_ifindex = static_cast<unsigned>(ifindex);
-    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+    attach(msg, IPPROTO_IPV6, IPV6_PKTINFO, info);
   } else {
     to4.sin_family = AF_INET;
     to4.sin_addr.s_addr = htonl(probe.nexthop.v4().value());
     msg.msg_name = &to4;
     msg.msg_namelen = sizeof to4;
-    msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
-    cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    c->cmsg_level = IPPROTO_IP;
-    c->cmsg_type = IP_PKTINFO;
-    c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
     in_pktinfo info{};
     info.ipi_ifindex = ifindex;
     if (probe.source.isV4()) info.ipi_spec_dst.s_addr = htonl(probe.source.v4().value());
-    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+    attach(msg, IPPROTO_IP, IP_PKTINFO, info);
   }
   return sendmsg((v6 ? routed6_ : routed4_).get(), &msg, 0) >= 0;
 }
@@ -277,7 +278,8 @@ bool IcmpProber::send(const Probe& probe) {
     std::memcpy(to.sll_addr, n.lladdr.data(), n.lladdr.size());
     const auto bytes = packet(probe);
     const int fd = (v6 ? packet6_ : packet4_).get();
-    if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) >= 0) {
+    if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) >=
+        0) {
       sent = true;
     }
   }
@@ -299,7 +301,7 @@ void IcmpProber::receiveFrom(int fd, bool v6, const Answer& each) {
         recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return;
-    if (from.sll_pkttype == PACKET_OUTGOING) continue;
+    if (from.sll_pkttype == PACKET_OUTGOING || n < static_cast<ssize_t>(kIp4Header)) continue;
     const size_t header = v6 ? kIp6Header : static_cast<size_t>(buffer[0] & 0x0f) * 4;
     if (static_cast<size_t>(n) < header + kEchoHeader + cookie_.size()) continue;
     const uint8_t* m = buffer + header;

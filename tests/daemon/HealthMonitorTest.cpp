@@ -31,8 +31,8 @@ class HealthMonitorTest : public ::testing::Test {
     std::string reason;
   };
 
-  void check(const HealthCheckSpec& spec, const IpGenAddr& nexthop = kNexthop) {
-    monitor.configure({{nexthop, spec}}, now);
+  void check(const HealthCheckSpec& settings, const IpGenAddr& nexthop = kNexthop) {
+    monitor.configure({{nexthop, settings}}, now);
   }
 
   void runUntil(double end) {
@@ -65,8 +65,9 @@ class HealthMonitorTest : public ::testing::Test {
                           return HealthMonitor::Link{"eth1", IpGenAddr::parse("192.0.2.2")};
                         }};
   double now = 100.0;
-  std::function<std::optional<double>(const Kernel::Probe&)> network =
-      [](const Kernel::Probe&) { return 0.01; };
+  std::function<std::optional<double>(const Kernel::Probe&)> network = [](const Kernel::Probe&) {
+    return 0.01;
+  };
   // Who the answer to a probe comes from.
   std::function<IpGenAddr(const Kernel::Probe&)> from = [](const Kernel::Probe& p) {
     return p.target;

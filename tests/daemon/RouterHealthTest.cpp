@@ -46,8 +46,8 @@ class RouterHealthTest : public PbrSystemTest {
   void run(double seconds, bool answering) {
     const double end = clock.now() + seconds;
     while (clock.now() < end) {
-      const double sleep = router.sleepTime();
-      if (sleep > 0) clock.advance(std::min(sleep, end - clock.now()));
+      const double untilDue = router.sleepTime();
+      if (untilDue > 0) clock.advance(std::min(untilDue, end - clock.now()));
       router.turn();
       for (; answered < kernel.probes.sent.size(); ++answered) {
         const auto& probe = kernel.probes.sent[answered];
