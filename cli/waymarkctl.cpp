@@ -201,7 +201,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (args[0] == "--version") {
-    std::printf("waymarkctl %s\n", WAYMARK_VERSION);
+    std::printf("waymarkctl %s (%s)\n", WAYMARK_VERSION, WAYMARK_GIT_DESCRIPTION);
     return 0;
   }
   try {

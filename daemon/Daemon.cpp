@@ -147,6 +147,7 @@ int Daemon::run() {
     return startFailure_;
   }
   loop();
+  notifier_.stopping();
   log(options_.dryRun ? "dry run done: the start would be idle now; nothing was changed"
                       : "stopping; the kernel stays programmed");
   return 0;
@@ -229,6 +230,11 @@ void Daemon::loop() {
     router_->turn();
     // A dry run shows one start: it ends when the start would be idle.
     if (options_.dryRun && router_->idle()) break;
+    if (router_->idle()) {
+      notifier_.ready();
+    } else if (router_->phase() != StartupPhase::running) {
+      notifier_.status(phaseName(router_->phase()));
+    }
     refreshMetrics();
     double sleep = router_->sleepTime();
     // The endpoint's metrics age by the refresh period at most, even when
@@ -256,7 +262,7 @@ void Daemon::serve(int timeout) {
       signalfd_siginfo info{};
       while (read(signals_, &info, sizeof info) == sizeof info) {
         if (info.ssi_signo == SIGHUP) {
-          router_->reload();
+          reload();
         } else {
           stop_ = true;
         }
@@ -283,11 +289,19 @@ void Daemon::refreshMetrics() {
   metricsPublishedAt_ = clock_.now();
 }
 
+void Daemon::reload() {
+  notifier_.reloading();
+  router_->reload();
+  notifier_.reloaded();
+}
+
 nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
   const std::string command = request.value("command", "");
   // Address changes the kernel has reported count as work not yet done.
   if (command == "idle") netlink_->handleEvents();
+  if (command == "reload") notifier_.reloading();
   nlohmann::json reply = router_->handle(request);
+  if (command == "reload") notifier_.reloaded();
   if (command == "status") {
     reply["daemon"]["netlinkRedumps"] = netlink_->redumps();
     reply["daemon"]["dryRun"] = options_.dryRun;

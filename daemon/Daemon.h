@@ -6,7 +6,8 @@
 // writer's outcomes, the prober's sockets the health checks' answers, and the
 // control socket hands requests to the router.
 // Each turn runs one due timer (itself bounded by its time slice), then
-// waits.
+// waits. The service manager hears of the start's phases, and READY=1 once
+// the start is idle.
 //
 // Start-up removes nothing up front, so that traffic keeps flowing through
 // what the previous run left: load and validate the configuration, take the
@@ -29,6 +30,7 @@
 #include "daemon/KernelSession.h"
 #include "daemon/MetricsSnapshot.h"
 #include "daemon/Router.h"
+#include "daemon/SystemdNotifier.h"
 #include "framework/TimeSource.h"
 #include "kernel/NetlinkListener.h"
 
@@ -85,6 +87,8 @@ class Daemon {
   // session's reports.
   void serve(int timeout);
   nlohmann::json handleRequest(const nlohmann::json& request);
+  // Loads the file again (SIGHUP), telling the service manager.
+  void reload();
   // Publishes fresh metrics to the HTTP endpoint when they are due.
   void refreshMetrics();
 
@@ -102,6 +106,7 @@ class Daemon {
   // The HTTP endpoint's threads read the snapshot, never the router.
   std::shared_ptr<MetricsSnapshot> metrics_;
   std::unique_ptr<prometheus::Exposer> exposer_;
+  SystemdNotifier notifier_;
   double metricsPublishedAt_ = -1e9;
   int epoll_ = -1;
   int timer_ = -1;

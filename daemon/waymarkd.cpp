@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (options->version) {
-    std::printf("waymarkd %s\n", WAYMARK_VERSION);
+    std::printf("waymarkd %s (%s)\n", WAYMARK_VERSION, WAYMARK_GIT_DESCRIPTION);
     return 0;
   }
   return Waymark::Daemon(*options).run();
