@@ -7,13 +7,16 @@ SAN_DIR    ?= build-sanitize
 FUZZ_SECONDS ?= 60
 JOBS       ?= $(shell nproc)
 CTEST_ARGS ?=
+# Where `make install` puts things, under DESTDIR when it is set.
+PREFIX     ?= /usr
+DESTDIR    ?=
 
 # Debian packages the build and the tests need.
 PACKAGES = g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev \
            clang-format iproute2 iptables procps libyaml-dev nlohmann-json3-dev \
-           prometheus-cpp-dev curl jq
+           prometheus-cpp-dev curl jq libsystemd-dev pkg-config scdoc
 
-.PHONY: all deps build test test-asan fuzz reliability bench bench-build bench-scale demo clean format format-check
+.PHONY: all deps build test test-asan fuzz reliability bench bench-build bench-scale demo clean format format-check install deb package-check
 
 all: build
 
@@ -28,7 +31,7 @@ deps:
 	fi
 
 $(BUILD)/build.ninja:
-	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 
 build: deps $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
@@ -79,6 +82,25 @@ bench-scale: build
 	$(MAKE) deps PACKAGES="bc gnuplot-nox"
 	bash bench/scale.sh $(BUILD)
 	bash bench/start.sh $(BUILD)
+
+# The unit names the programs by their installed path, so the prefix is set
+# again before building.
+install: deps $(BUILD)/build.ninja
+	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) > /dev/null
+	cmake --build $(BUILD) -j $(JOBS)
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD)
+
+# A Debian package of what `make install PREFIX=/usr` installs, in $(BUILD)/.
+deb: deps
+	rm -rf $(BUILD)/deb-root
+	$(MAKE) install PREFIX=/usr DESTDIR=$(CURDIR)/$(BUILD)/deb-root
+	bash contrib/deb.sh $(BUILD)/deb-root $(BUILD)
+
+# make install and make deb, checked file by file, the package installed
+# and removed again (root; CI runs it).
+package-check: deps
+	$(MAKE) deps PACKAGES="lintian"
+	bash tests/packaging/install_check.sh $(BUILD)
 
 demo: build
 	bash examples/demo.sh $(BUILD)

@@ -122,9 +122,11 @@ std::string fileText(const std::string& path) {
 }
 
 TEST(ConfigLinterTest, TheShippedConfigurationsAndTheDocumentedExampleAreClean) {
-  const std::string lab = fileText("examples/lab.yaml");
-  ASSERT_FALSE(lab.empty());
-  EXPECT_TRUE(warningsOf(lab).empty());
+  for (const char* file : {"examples/lab.yaml", "examples/waymark.yaml"}) {
+    const std::string text = fileText(file);
+    ASSERT_FALSE(text.empty()) << file;
+    EXPECT_EQ(warningsOf(text), std::vector<std::string>{}) << file;
+  }
   const std::string docs = fileText("docs/configuration.md");
   const size_t start = docs.find("```yaml\n");
   ASSERT_NE(start, std::string::npos);
