@@ -117,7 +117,9 @@ std::string StatusFormatter::classTraffic(const nlohmann::json& reply) {
 }
 
 std::string StatusFormatter::all(const nlohmann::json& status) {
-  return policies(status) + "\n" + nexthops(status) + "\n" +
+  const std::string drift =
+      status.contains("drift") ? "drift: " + status["drift"].get<std::string>() + "\n" : "";
+  return policies(status) + "\n" + nexthops(status) + "\n" + drift +
          (status.at("idle").get<bool>() ? "idle: all kernel work done\n"
                                         : "busy: kernel work pending\n");
 }

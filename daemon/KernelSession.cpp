@@ -126,8 +126,11 @@ void KernelSession::removeLeftovers() {
 
 void KernelSession::handleRoutingEvents(Pbr::NexthopTableManager& manager) {
   routingEvents_.handle({[&](const auto& r) { noticeRule(r, manager); },
-                         [&](const auto& t) { noticeRoute(t, manager); },
-                         [&] { noticeAll(manager); }});
+                         [&](const auto& t) { noticeRoute(t, manager); }, [&] { drift_.suspect(); },
+                         [&] {
+                           noticeAll(manager);
+                           drift_.suspect();
+                         }});
 }
 
 void KernelSession::noticeRule(const Kernel::PolicyRule& rule, Pbr::NexthopTableManager& manager) {
@@ -175,6 +178,7 @@ void KernelSession::describe(nlohmann::json& status) const {
   status["startup"]["leftoverRulesRemoved"] = leftoverRulesRemoved_;
   status["startup"]["leftoverTablesRemoved"] = leftoverTablesRemoved_;
   status["reserved"] = foreign_.toJson();
+  drift_.describe(status);
   if (previous_) status["previousRun"] = previous_->toJson();
   status["journal"] = {{"numbersHeld", journal_.size()},
                        {"journalLines", journal_.journalLines()},

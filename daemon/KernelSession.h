@@ -14,6 +14,7 @@
 #include <string>
 
 #include "daemon/ConfigModel.h"
+#include "daemon/DriftRepair.h"
 #include "daemon/ForeignNumbers.h"
 #include "daemon/PreviousRun.h"
 #include "daemon/RouterKernel.h"
@@ -52,6 +53,13 @@ class KernelSession : public RouterKernel {
   Pbr::CommandRunner& runner(CommandExecutor executor) override;
   AclUtils::IptablesWriter& writer() override { return asyncWriter_; }
   Kernel::IcmpProber& prober() override { return prober_; }
+  std::vector<std::string> repairDrift(Pbr::NexthopTableManager& manager,
+                                       const std::function<bool(const Velnet::IpGenAddr&)>& usable,
+                                       double now) override {
+    return drift_.run(manager, usable, now);
+  }
+  void resumeDriftRepair() override { drift_.resume(); }
+  bool driftSuspected() const override { return drift_.suspected(); }
   void reserveNumbers(Pbr::NexthopTableManager& manager) override;
   void adopt(Pbr::NexthopTableManager& manager,
              const std::vector<Velnet::IpGenAddr>& nexthops) override;
@@ -85,6 +93,7 @@ class KernelSession : public RouterKernel {
   std::unique_ptr<PreviousRun> previous_;
   Kernel::KernelRouting routing_;
   Kernel::IcmpProber prober_;
+  DriftRepair drift_{routing_};
   Kernel::RoutingEvents routingEvents_;
   std::unique_ptr<Pbr::CommandRunner> shellRunner_;
   std::unique_ptr<Pbr::CommandRunner> netlinkRunner_;

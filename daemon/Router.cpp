@@ -82,7 +82,9 @@ void Router::takeVerdicts() {
 
 double Router::sleepTime() const {
   const double health = std::max(0.0, health_.nextDue() - clock_.now());
-  return std::min(Vix::activityManager().sleepTime(), health);
+  // A suspected drift is compared after a grace of a tenth of a second.
+  const double drift = kernel_.driftSuspected() ? 0.05 : Vix::kNever;
+  return std::min({Vix::activityManager().sleepTime(), health, drift});
 }
 
 void Router::probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from) {
@@ -100,6 +102,13 @@ void Router::turn() {
   gate_.applyWhenQuiet(model_, health_.down());
   advanceStartup();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());
+  if (phase_ == StartupPhase::running) {
+    const auto usable = [this](const Velnet::IpGenAddr& a) { return !linkOf(a).interface.empty(); };
+    for (const auto& text :
+         kernel_.repairDrift(*plugin_->nexthopTableManager(), usable, clock_.now())) {
+      event("drift", text);
+    }
+  }
   noticeChanges();
   longestTurn_ = std::max(longestTurn_, clock_.now() - began);
 }
@@ -130,6 +139,7 @@ std::string Router::reload() {
   }
   applyTunables(model_.tunables);
   configureHealthChecks();
+  kernel_.resumeDriftRepair();
   gate_.requestApply();
   gate_.applyWhenQuiet(model_, health_.down());
   lastReloadError_.clear();

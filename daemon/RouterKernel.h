@@ -9,6 +9,8 @@
 // other tool and a writer that answers at once needs none of them.
 #pragma once
 
+#include <functional>
+#include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -61,6 +63,19 @@ class RouterKernel {
                                   uint32_t /*mark*/) {
     return "";
   }
+  // Puts back programmed nexthops' rules and routes that something else
+  // removed (`usable`: the nexthop's link is up and holds its subnet); the
+  // texts of what it found and did.
+  virtual std::vector<std::string> repairDrift(
+      Pbr::NexthopTableManager&, const std::function<bool(const Velnet::IpGenAddr&)>& /*usable*/,
+      double /*now*/) {
+    return {};
+  }
+  // Repairs again after too many stopped them.
+  virtual void resumeDriftRepair() {}
+  // True while something removed waits to be compared: the loop must come
+  // back soon even when nothing else is timed.
+  virtual bool driftSuspected() const { return false; }
   // The counters of the family's mangle rules, read back in one go.
   virtual Kernel::MangleReadback::RuleCounters ruleCounters(bool /*v6*/) { return {}; }
 };

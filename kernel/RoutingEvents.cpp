@@ -72,6 +72,10 @@ void RoutingEvents::handle(const Handlers& handlers) {
         const auto* r = static_cast<const rtmsg*>(NLMSG_DATA(m));
         if ((r->rtm_flags & RTM_F_CLONED) != 0) continue;
         handlers.newRoute({r->rtm_family == AF_INET6, u32<rtmsg>(*m, RTA_TABLE, r->rtm_table)});
+      } else if (m->nlmsg_type == RTM_DELRULE ||
+                 (m->nlmsg_type == RTM_DELROUTE &&
+                  (static_cast<const rtmsg*>(NLMSG_DATA(m))->rtm_flags & RTM_F_CLONED) == 0)) {
+        handlers.removed();
       }
     }
   }

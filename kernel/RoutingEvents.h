@@ -1,7 +1,8 @@
-// Kernel::RoutingEvents: the kernel's announcements of new policy rules and
-// routes, both families, as waymark's types. The daemon uses them to notice
-// rule priorities, tables and marks that another tool starts to use while
-// waymarkd runs. When the kernel dropped announcements (the socket
+// Kernel::RoutingEvents: the kernel's announcements of new and removed
+// policy rules and routes, both families, as waymark's types. The daemon
+// uses them to notice rule priorities, tables and marks that another tool
+// starts to use while waymarkd runs, and removals that may have taken
+// waymark's own. When the kernel dropped announcements (the socket
 // overran), the caller is told to read the rules and tables again.
 #pragma once
 
@@ -17,6 +18,8 @@ class RoutingEvents {
   struct Handlers {
     std::function<void(const PolicyRule&)> newRule;
     std::function<void(const RouteTableId&)> newRoute;
+    // A rule or route went, by whomever.
+    std::function<void()> removed;
     std::function<void()> overrun;
   };
 

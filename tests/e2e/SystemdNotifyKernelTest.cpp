@@ -55,8 +55,8 @@ TEST(SystemdNotifyKernelTest, ReadyComesOnlyOnceTheStartIsIdle) {
   NetworkNamespace ns;
   ns.addLinkPair("wn0", "wn1");
   ns.run("ip addr add 192.0.2.254/24 dev wn0 && ip addr add 2001:db8::fe/64 dev wn0 nodad");
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() /
-                                    ("waymark-notify-" + std::to_string(getpid()));
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("waymark-notify-" + std::to_string(getpid()));
   std::filesystem::create_directories(dir);
   const std::string config = (dir / "waymark.yaml").string();
   std::FILE* f = std::fopen(config.c_str(), "w");
@@ -95,9 +95,9 @@ interfaces: {wn1: edge}
     messages.emplace_back(buffer, static_cast<size_t>(n));
     if (messages.back().find("READY=1") == std::string::npos) continue;
     // Asked at once: the daemon that said it is ready is idle.
-    status = nlohmann::json::parse(ns.run(std::string(WAYMARK_BINARY_DIR) +
-                                          "/cli/waymarkctl --socket " + socketPath +
-                                          " status --json"));
+    status =
+        nlohmann::json::parse(ns.run(std::string(WAYMARK_BINARY_DIR) + "/cli/waymarkctl --socket " +
+                                     socketPath + " status --json"));
     break;
   }
   EXPECT_EQ(status["startup"]["phase"], "running");
