@@ -70,9 +70,9 @@ std::vector<std::string> DriftRepair::run(Pbr::NexthopTableManager& manager, con
     // The route before the rule, so that marked packets never meet a rule
     // that points at an empty table.
     bool ok = !routeGone || manager.runCommand(Pbr::RoutingRequest::addRoute(addr, table), false);
-    ok = ok && (!ruleGone || manager.runCommand(Pbr::RoutingRequest::addRule(
-                                                    addr, rule.priority, rule.mark, table),
-                                                false));
+    ok = ok && (!ruleGone ||
+                manager.runCommand(
+                    Pbr::RoutingRequest::addRule(addr, rule.priority, rule.mark, table), false));
     out.push_back(what + " removed from outside: " + (ok ? "put back" : "could not be put back"));
     if (!ok) missing_.push_back(what + " missing");
   }

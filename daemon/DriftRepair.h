@@ -42,8 +42,7 @@ class DriftRepair {
   bool suspected() const { return suspected_; }
   // Compares and repairs when something was suspected and the loop is
   // quiet; the texts of what it found and did, for events and the log.
-  std::vector<std::string> run(Pbr::NexthopTableManager& manager, const Usable& usable,
-                               double now);
+  std::vector<std::string> run(Pbr::NexthopTableManager& manager, const Usable& usable, double now);
   // Repairs again after they were stopped (a reload).
   void resume();
   // "drift" (what is missing, or "none") and the daemon's counters.

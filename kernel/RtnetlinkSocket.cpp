@@ -47,32 +47,25 @@ RtnetlinkSocket::RtnetlinkSocket()
     setsockopt(fd_.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &strict, sizeof strict);
 }
 
-int RtnetlinkSocket::request(nlmsghdr* message) {
-  if (!fd_.valid()) return -EBADF;
-  message->nlmsg_flags |= NLM_F_ACK;
-  message->nlmsg_seq = ++seq_;
-  ++requests_;
-  if (send(fd_.get(), message, message->nlmsg_len, 0) < 0) return -errno;
-  return answer(nullptr);
-}
+int RtnetlinkSocket::request(nlmsghdr* message) { return exchange(message, NLM_F_ACK, nullptr); }
 
 int RtnetlinkSocket::get(nlmsghdr* message, const std::function<void(const nlmsghdr&)>& each) {
-  if (!fd_.valid()) return -EBADF;
   // The acknowledgement follows the answer and ends the exchange.
-  message->nlmsg_flags |= NLM_F_ACK;
-  message->nlmsg_seq = ++seq_;
-  ++requests_;
-  if (send(fd_.get(), message, message->nlmsg_len, 0) < 0) return -errno;
-  return answer(&each);
+  return exchange(message, NLM_F_ACK, &each);
 }
 
 int RtnetlinkSocket::dump(nlmsghdr* message, const std::function<void(const nlmsghdr&)>& each) {
+  return exchange(message, NLM_F_DUMP, &each);
+}
+
+int RtnetlinkSocket::exchange(nlmsghdr* message, uint16_t flags,
+                              const std::function<void(const nlmsghdr&)>* each) {
   if (!fd_.valid()) return -EBADF;
-  message->nlmsg_flags |= NLM_F_DUMP;
+  message->nlmsg_flags |= flags;
   message->nlmsg_seq = ++seq_;
   ++requests_;
   if (send(fd_.get(), message, message->nlmsg_len, 0) < 0) return -errno;
-  return answer(&each);
+  return answer(each);
 }
 
 int RtnetlinkSocket::answer(const std::function<void(const nlmsghdr&)>* each) {

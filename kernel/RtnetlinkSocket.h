@@ -31,6 +31,8 @@ class RtnetlinkSocket {
   uint32_t requests() const { return requests_; }
 
  private:
+  // Sends `message` numbered anew with `flags` added, then reads the answer.
+  int exchange(nlmsghdr* message, uint16_t flags, const std::function<void(const nlmsghdr&)>* each);
   // Reads answers to the request numbered `seq_` until it is done.
   int answer(const std::function<void(const nlmsghdr&)>* each);
 

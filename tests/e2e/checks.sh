@@ -1,6 +1,6 @@
 # What the namespace tests share, to be sourced after examples/lab.sh: the
-# root check, check() with its tally, and the kernel state of the lab's
-# router. The caller sets LAB and RUN.
+# root check, check() with its tally, the kernel state of the lab's router,
+# and timing by the daemon's events. The caller sets LAB and RUN.
 
 # Exits 77 (skipped) without root and namespaces, 1 under CI.
 require_namespaces() {
@@ -67,4 +67,20 @@ wait_for() {  # SECONDS CONDITION
   done
   echo "waited $1 s in vain for: $2" >&2
   return 1
+}
+
+# The daemon's own clock, for timing a change by its events: read before the
+# change, compared with the uptime of the event that answers it.
+uptime_now() { lab_ctl status --json | jq '.uptime'; }
+# The uptime of the first event since UPTIME whose text matches PATTERN.
+event_at() {  # PATTERN UPTIME
+  lab_ctl events --json |
+    jq -r --arg p "$1" --argjson t "$2" '[.events[] | select(.uptime >= $t and (.text | test($p)))][0].uptime // empty'
+}
+# Waits for the event (20 s at most); "yes" when it came at most BOUND
+# seconds after START, else when it came. The delay goes to standard error.
+within() {  # START PATTERN BOUND
+  wait_for 20 "[ -n \"\$(event_at '$2' $1)\" ]" || { echo never; return; }
+  awk -v a="$1" -v b="$(event_at "$2" "$1")" -v bound="$3" \
+    'BEGIN { printf "     (%.2f s)\n", b - a > "/dev/stderr"; if (b - a <= bound) print "yes"; else printf "after %.2f s\n", b - a }'
 }

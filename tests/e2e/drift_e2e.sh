@@ -23,16 +23,6 @@ lab_steer_config "$CONFIG" 198.51.100.2 198.51.100.66
 lab_create
 lab_start_daemon "$CONFIG"
 
-uptime_now() { lab_ctl status --json | jq '.uptime'; }
-event_at() {  # PATTERN UPTIME: the first matching event's uptime since UPTIME
-  lab_ctl events --json |
-    jq -r --arg p "$1" --argjson t "$2" '[.events[] | select(.uptime >= $t and (.text | test($p)))][0].uptime // empty'
-}
-within() {  # START PATTERN BOUND: "yes" when the event came at most BOUND s after START
-  wait_for 20 "[ -n \"\$(event_at '$2' $1)\" ]" || { echo never; return; }
-  awk -v a="$1" -v b="$(event_at "$2" "$1")" -v bound="$3" \
-    'BEGIN { printf "     (%.2f s)\n", b - a > "/dev/stderr"; if (b - a <= bound) print "yes"; else printf "after %.2f s\n", b - a }'
-}
 field() { lab_ctl status --json | jq -r "$1"; }
 nexthop() { field ".nexthops[] | select(.address == \"$1\") | .$2"; }
 drift_events() { lab_ctl events --json | jq --argjson t "$1" '[.events[] | select(.uptime >= $t and .kind == "drift")] | length'; }

@@ -40,18 +40,6 @@ in_ns nh2 ip addr add $TARGET/32 dev lo
 in_ns dflt ip addr add $TARGET/32 dev lo
 lab_start_daemon "$CONFIG"
 
-uptime_now() { lab_ctl status --json | jq '.uptime'; }
-# The uptime of the first event since UPTIME whose text matches PATTERN.
-event_at() {  # PATTERN UPTIME
-  lab_ctl events --json |
-    jq -r --arg p "$1" --argjson t "$2" '[.events[] | select(.uptime >= $t and (.text | test($p)))][0].uptime // empty'
-}
-# "yes" when the event came at most BOUND seconds after START.
-within() {  # START PATTERN BOUND
-  wait_for 20 "[ -n \"\$(event_at '$2' $1)\" ]" || { echo never; return; }
-  awk -v a="$1" -v b="$(event_at "$2" "$1")" -v bound="$3" \
-    'BEGIN { printf "     (%.2f s)\n", b - a > "/dev/stderr"; if (b - a <= bound) print "yes"; else printf "after %.2f s\n", b - a }'
-}
 nexthop() {  # ADDRESS FIELD...: the nexthop's status fields, space-separated
   local address=$1
   shift
