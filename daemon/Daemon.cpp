@@ -6,6 +6,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -275,12 +276,17 @@ void Daemon::serve(int timeout) {
       session_->takeWriterOutcomes(router_->plugin());
     } else if (session_ && fd == session_->routingEventsFd()) {
       session_->handleRoutingEvents(*router_->plugin().nexthopTableManager());
-    } else if (session_) {
+    } else if (session_ && isProberFd(fd)) {
       session_->prober().receive([this](uint16_t sequence, const Velnet::IpGenAddr& from) {
         router_->probeAnswered(sequence, from);
       });
     }
   }
+}
+
+bool Daemon::isProberFd(int fd) const {
+  const auto fds = session_->proberFds();
+  return std::find(fds.begin(), fds.end(), fd) != fds.end();
 }
 
 void Daemon::refreshMetrics() {

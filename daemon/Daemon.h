@@ -89,6 +89,8 @@ class Daemon {
   nlohmann::json handleRequest(const nlohmann::json& request);
   // Loads the file again (SIGHUP), telling the service manager.
   void reload();
+  // Whether `fd` is one of the health-check prober's sockets.
+  bool isProberFd(int fd) const;
   // Publishes fresh metrics to the HTTP endpoint when they are due.
   void refreshMetrics();
 
