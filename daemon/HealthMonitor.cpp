@@ -28,7 +28,10 @@ void HealthMonitor::configure(const std::map<Velnet::IpGenAddr, HealthCheckSpec>
       ++it;
       continue;
     }
-    forget(it->second);
+    // Its probes still awaiting an answer are no one's any more.
+    for (auto& round : it->second.history) {
+      if (round.result == Result::waiting) settle(it->first, round, Result::unanswered);
+    }
     it = checks_.erase(it);
   }
   for (const auto& [nexthop, settings] : checks) {
@@ -39,19 +42,13 @@ void HealthMonitor::configure(const std::map<Velnet::IpGenAddr, HealthCheckSpec>
   }
 }
 
-void HealthMonitor::forget(Check& check) {
-  for (auto& round : check.history) {
-    for (const uint16_t s : round.sequences) outstanding_.erase(s);
-  }
-}
-
 void HealthMonitor::run(double now) {
   for (auto& [nexthop, check] : checks_) {
     bool judged = false;
     for (auto& round : check.history) {
       if (round.result != Result::waiting) continue;
       if (round.started + check.settings.timeout <= now) {
-        settle(round, Result::unanswered);
+        settle(nexthop, round, Result::unanswered);
         judged = true;
       } else if (round.tries < kTries &&
                  round.started + round.tries * check.settings.timeout / kTries <= now) {
@@ -95,12 +92,16 @@ void HealthMonitor::sendProbes(const Velnet::IpGenAddr& nexthop, const Check& ch
   }
 }
 
-void HealthMonitor::settle(Round& round, Result result) {
+void HealthMonitor::settle(const Velnet::IpGenAddr& nexthop, Round& round, Result result) {
   round.result = result;
   for (const uint16_t s : round.sequences) {
-    // A sequence number reused since belongs to a newer probe.
+    // A sequence number reused since belongs to a newer probe, maybe of
+    // another nexthop.
     const auto it = outstanding_.find(s);
-    if (it != outstanding_.end() && it->second.round == round.index) outstanding_.erase(it);
+    if (it != outstanding_.end() && it->second.round == round.index &&
+        it->second.nexthop == nexthop) {
+      outstanding_.erase(it);
+    }
   }
   round.sequences.clear();
 }
@@ -116,7 +117,7 @@ void HealthMonitor::answered(uint16_t sequence, const Velnet::IpGenAddr& from, d
     if (round.index != probe.round || round.result != Result::waiting) continue;
     // An answer the loop takes in after the round's time is up is late.
     const bool late = now - round.started > check.settings.timeout;
-    settle(round, late ? Result::unanswered : Result::answered);
+    settle(probe.nexthop, round, late ? Result::unanswered : Result::answered);
     if (!late) check.rtt = now - probe.sent;
     judge(probe.nexthop, check);
     return;

@@ -110,10 +110,9 @@ class HealthMonitor {
 
   void startRound(const Velnet::IpGenAddr& nexthop, Check& check, double now);
   void sendProbes(const Velnet::IpGenAddr& nexthop, const Check& check, Round& round, double now);
-  void settle(Round& round, Result result);
+  void settle(const Velnet::IpGenAddr& nexthop, Round& round, Result result);
   // Turns a run that ends at the latest judged round into a verdict.
   void judge(const Velnet::IpGenAddr& nexthop, Check& check);
-  void forget(Check& check);
 
   Kernel::ProbeSender& sender_;
   const Locate locate_;
