@@ -21,6 +21,7 @@ const char* kUsage =
     "       waymarkctl [--socket PATH] explain --in IF --proto P --src A --dst B\n"
     "                  [--sport N] [--dport N] [--tcp-flags LIST] [--json]\n"
     "       waymarkctl [--socket PATH] reload\n"
+    "       waymarkctl [--socket PATH] resync [--timeout SECONDS]\n"
     "       waymarkctl [--socket PATH] wait-idle [--timeout SECONDS]\n"
     "       waymarkctl [--socket PATH] set TUNABLE VALUE   (until the next reload)\n"
     "       waymarkctl --help | --version\n";
@@ -28,6 +29,27 @@ const char* kUsage =
 int usage() {
   std::fputs(kUsage, stderr);
   return 2;
+}
+
+// Waits until waymarkd has no kernel work pending; false (and says why)
+// when it still has some after `timeout` seconds.
+bool waitIdle(const std::string& socket, double timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+  // A daemon that is still starting has no socket yet: that is waited
+  // for too.
+  std::string why = "still busy";
+  do {
+    try {
+      if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>())
+        return true;
+      why = "still busy";
+    } catch (const std::exception& e) {
+      why = e.what();
+    }
+    usleep(20000);
+  } while (std::chrono::steady_clock::now() < deadline);
+  std::fprintf(stderr, "waymarkd not idle after %g s: %s\n", timeout, why.c_str());
+  return false;
 }
 
 // The explain request of `args` (after "explain"); nothing when they are
@@ -157,27 +179,19 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     std::fprintf(stderr, "%s\n", reply.at("error").get<std::string>().c_str());
     return 1;
   }
-  if (command == "wait-idle") {
+  if (command == "wait-idle" || command == "resync") {
     double timeout = 60;
     if (args.size() == 3 && args[1] == "--timeout")
       timeout = std::atof(args[2].c_str());
     else if (args.size() != 1)
       return usage();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
-    // A daemon that is still starting has no socket yet: that is waited
-    // for too.
-    std::string why = "still busy";
-    do {
-      try {
-        if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>()) return 0;
-        why = "still busy";
-      } catch (const std::exception& e) {
-        why = e.what();
-      }
-      usleep(20000);
-    } while (std::chrono::steady_clock::now() < deadline);
-    std::fprintf(stderr, "waymarkd not idle after %g s: %s\n", timeout, why.c_str());
-    return 1;
+    if (command == "resync") Waymark::controlRequest(socket, {{"command", "resync"}});
+    if (!waitIdle(socket, timeout)) return 1;
+    if (command == "resync") {
+      const auto status = Waymark::controlRequest(socket, {{"command", "status"}});
+      std::printf("resynced; drift: %s\n", status.value("drift", "none").c_str());
+    }
+    return 0;
   }
   return usage();
 }

@@ -211,6 +211,7 @@ bool Daemon::watch(const sigset_t& signals, std::string* error) {
   if (session_) {
     fds.push_back(session_->writerFd());
     if (session_->routingEventsFd() >= 0) fds.push_back(session_->routingEventsFd());
+    if (session_->mangleEventsFd() >= 0) fds.push_back(session_->mangleEventsFd());
     for (const int fd : session_->proberFds()) fds.push_back(fd);
   }
   for (const int fd : fds) {
@@ -276,6 +277,8 @@ void Daemon::serve(int timeout) {
       session_->takeWriterOutcomes(router_->plugin());
     } else if (session_ && fd == session_->routingEventsFd()) {
       session_->handleRoutingEvents(*router_->plugin().nexthopTableManager());
+    } else if (session_ && fd == session_->mangleEventsFd()) {
+      session_->handleMangleEvents(clock_.now());
     } else if (session_ && isProberFd(fd)) {
       session_->prober().receive([this](uint16_t sequence, const Velnet::IpGenAddr& from) {
         router_->probeAnswered(sequence, from);

@@ -40,7 +40,6 @@ std::vector<std::string> DriftRepair::run(Pbr::NexthopTableManager& manager, con
 
   std::vector<std::string> out;
   missing_.clear();
-  while (!recent_.empty() && now - recent_.front() >= kMinute) recent_.pop_front();
   for (const auto& addr : programmed) {
     const bool v6 = addr.isV6();
     const uint32_t table = manager.routeTable(addr);
@@ -55,18 +54,10 @@ std::vector<std::string> DriftRepair::run(Pbr::NexthopTableManager& manager, con
                              " of nexthop " + addr.stringValue() + " (priority " +
                              std::to_string(rule.priority) + ", table " + std::to_string(table) +
                              ")";
-    if (!stopped_ && recent_.size() >= kRepairsPerMinute) {
-      stopped_ = true;
-      out.push_back("drift repairs stopped: " + std::to_string(recent_.size()) +
-                    " in the last minute; something keeps removing waymark's rules and routes "
-                    "(a reload repairs again)");
-    }
-    if (stopped_) {
+    if (!allow(now, out)) {
       missing_.push_back(what + " missing");
       continue;
     }
-    recent_.push_back(now);
-    ++repairs_;
     // The route before the rule, so that marked packets never meet a rule
     // that points at an empty table.
     bool ok = !routeGone || manager.runCommand(Pbr::RoutingRequest::addRoute(addr, table), false);
@@ -79,9 +70,40 @@ std::vector<std::string> DriftRepair::run(Pbr::NexthopTableManager& manager, con
   return out;
 }
 
+bool DriftRepair::allow(double now, std::vector<std::string>& out) {
+  while (!recent_.empty() && now - recent_.front() >= kMinute) recent_.pop_front();
+  if (stopped_) return false;
+  if (recent_.size() >= kRepairsPerMinute) {
+    stopped_ = true;
+    out.push_back("drift repairs stopped: " + std::to_string(recent_.size()) +
+                  " in the last minute; something keeps changing waymark's rules, routes or "
+                  "chains (a reload or resync repairs again)");
+    return false;
+  }
+  recent_.push_back(now);
+  ++repairs_;
+  return true;
+}
+
+bool DriftRepair::mangleDrifted(const std::string& what, double now,
+                                std::vector<std::string>& out) {
+  ++drifts_;
+  const bool repair = allow(now, out);
+  const std::string text = "mangle tables changed from outside: " + what;
+  if (repair) {
+    out.push_back(text + ": rebuilding them");
+    return true;
+  }
+  if (mangleMissing_ != what) out.push_back(text);
+  mangleMissing_ = what;
+  return false;
+}
+
 void DriftRepair::describe(nlohmann::json& status) const {
   std::string drift;
   for (const auto& m : missing_) drift += (drift.empty() ? "" : "; ") + m;
+  if (!mangleMissing_.empty())
+    drift += (drift.empty() ? "mangle: " : "; mangle: ") + mangleMissing_;
   status["drift"] = drift.empty() ? "none" : drift;
   status["daemon"]["driftDetected"] = drifts_;
   status["daemon"]["driftRepairs"] = repairs_;

@@ -1,11 +1,13 @@
-// Waymark::DriftRepair: keeps the kernel what the status says for routing.
+// Waymark::DriftRepair: keeps the kernel what the status says.
 // When the kernel announces that a rule or route went (whoever removed it),
 // it compares, once the nexthop loop is quiet, every programmed nexthop's
 // rule and route with the kernel's, and puts back what is missing with the
 // nexthop's own commands through the manager's runner, as the nexthop's
 // programming would. What waymark removes itself belongs to a nexthop that
 // is no longer programmed, and a nexthop whose link is down is not
-// compared: neither counts as drift.
+// compared: neither counts as drift. Drift of the mangle tables is found
+// by the MangleWatch and rebuilt by the router; it is counted, limited and
+// shown here with the rest.
 //
 // Repairs are rate-limited so that a tool fighting waymark does not make
 // both spin: after kRepairsPerMinute repairs within a minute, repairing stops
@@ -45,6 +47,13 @@ class DriftRepair {
   std::vector<std::string> run(Pbr::NexthopTableManager& manager, const Usable& usable, double now);
   // Repairs again after they were stopped (a reload).
   void resume();
+  // The mangle tables differ from what waymark wrote (`what`): true when
+  // they may be rebuilt now; the texts for events and the log in `out`.
+  bool mangleDrifted(const std::string& what, double now, std::vector<std::string>& out);
+  // The mangle tables agree with what waymark wrote again, or their
+  // rebuild failed (`error`).
+  void mangleAgrees() { mangleMissing_.clear(); }
+  void mangleRebuildFailed(const std::string& error) { mangleMissing_ = error; }
   // "drift" (what is missing, or "none") and the daemon's counters.
   void describe(nlohmann::json& status) const;
 
@@ -57,6 +66,11 @@ class DriftRepair {
   uint32_t repairs_ = 0;
   uint32_t drifts_ = 0;
   std::vector<std::string> missing_;
+  std::string mangleMissing_;
+
+  // True when one more repair stays within the limit; stops repairing,
+  // saying so in `out`, when it does not.
+  bool allow(double now, std::vector<std::string>& out);
 };
 
 }  // namespace Waymark

@@ -18,7 +18,14 @@ KernelSession::KernelSession(const std::string& statePath, double childTimeLimit
       shellRunner_(std::make_unique<Kernel::QuietCommandRunner>(childTimeLimit)),
       netlinkRunner_(std::make_unique<Kernel::NetlinkCommandRunner>(routing_, *shellRunner_)),
       journaled_(journal_, routing_, *shellRunner_),
-      restore_(childTimeLimit) {
+      restore_(childTimeLimit),
+      mangleWatch_(
+          [this](bool v6, std::string* error) {
+            return Kernel::MangleReadback::save(v6, childTimeLimit_, error);
+          },
+          [this](bool v6) {
+            return asyncWriter_.written(v6 ? Acl::aclTypeIpv6 : Acl::aclTypeIpv4);
+          }) {
   // The dispatch chain's set-up and the start's batches form one
   // transaction per family.
   asyncWriter_.hold();
@@ -28,7 +35,9 @@ bool KernelSession::open(const ConfigModel& model, std::string* error, bool* for
   if (!guardMangleTable(model, error, foreignMangle)) return false;
   // Subscribed before the kernel is read, so that nothing another tool
   // adds in between goes unseen.
-  if (!routingEvents_.open(error) || !prober_.open(error)) return false;
+  if (!routingEvents_.open(error) || !mangleEvents_.open(error) || !prober_.open(error)) {
+    return false;
+  }
   journal_.load();
   std::vector<Kernel::PolicyRule> rules;
   std::vector<Kernel::RouteTableId> tables;
@@ -131,6 +140,38 @@ void KernelSession::handleRoutingEvents(Pbr::NexthopTableManager& manager) {
                            noticeAll(manager);
                            drift_.suspect();
                          }});
+}
+
+void KernelSession::handleMangleEvents(double now) {
+  if (mangleEvents_.handle()) mangleWatch_.suspect(now);
+}
+
+bool KernelSession::mangleDrifted(double now, std::vector<std::string>& out) {
+  const std::string found = mangleWatch_.check(now, asyncWriter_.writes());
+  if (found.empty()) {
+    drift_.mangleAgrees();
+    return false;
+  }
+  return drift_.mangleDrifted(found, now, out);
+}
+
+void KernelSession::commitRebuild() {
+  Kernel::MangleReadback::OwnPart own[2];
+  for (const bool v6 : {false, true}) {
+    std::string error;
+    own[v6 ? 1 : 0] =
+        Kernel::MangleReadback::own(Kernel::MangleReadback::save(v6, childTimeLimit_, &error));
+    if (!error.empty()) log_("cannot read the mangle table before its rebuild: " + error);
+  }
+  asyncWriter_.commitInPlace(own[0], own[1]);
+}
+
+void KernelSession::rebuildDone(const std::string& error) {
+  if (error.empty()) {
+    drift_.mangleAgrees();
+  } else {
+    drift_.mangleRebuildFailed("the rebuild failed: " + error);
+  }
 }
 
 void KernelSession::noticeRule(const Kernel::PolicyRule& rule, Pbr::NexthopTableManager& manager) {

@@ -16,12 +16,14 @@
 #include "daemon/ConfigModel.h"
 #include "daemon/DriftRepair.h"
 #include "daemon/ForeignNumbers.h"
+#include "daemon/MangleWatch.h"
 #include "daemon/PreviousRun.h"
 #include "daemon/RouterKernel.h"
 #include "kernel/AsyncIptablesWriter.h"
 #include "kernel/IcmpProber.h"
 #include "kernel/JournaledCommandRunner.h"
 #include "kernel/KernelRouting.h"
+#include "kernel/MangleEvents.h"
 #include "kernel/RestoreIptablesWriter.h"
 #include "kernel/RoutingEvents.h"
 #include "kernel/StateJournal.h"
@@ -45,6 +47,8 @@ class KernelSession : public RouterKernel {
 
   // The descriptors to wait on, and what to do when they are ready.
   int routingEventsFd() const { return routingEvents_.fd(); }
+  int mangleEventsFd() const { return mangleEvents_.fd(); }
+  void handleMangleEvents(double now);
   int writerFd() const { return asyncWriter_.fd(); }
   std::vector<int> proberFds() const { return prober_.fds(); }
   void handleRoutingEvents(Pbr::NexthopTableManager& manager);
@@ -59,6 +63,12 @@ class KernelSession : public RouterKernel {
     return drift_.run(manager, usable, now);
   }
   void resumeDriftRepair() override { drift_.resume(); }
+  void suspectDrift() override { drift_.suspect(); }
+  double mangleCheckDue() const override { return mangleWatch_.due(); }
+  bool mangleDrifted(double now, std::vector<std::string>& out) override;
+  void beginRebuild() override { asyncWriter_.hold(); }
+  void commitRebuild() override;
+  void rebuildDone(const std::string& error) override;
   bool driftSuspected() const override { return drift_.suspected(); }
   void reserveNumbers(Pbr::NexthopTableManager& manager) override;
   void adopt(Pbr::NexthopTableManager& manager,
@@ -100,6 +110,8 @@ class KernelSession : public RouterKernel {
   Kernel::JournaledCommandRunner journaled_;
   AclUtils::RestoreIptablesWriter restore_;
   Kernel::AsyncIptablesWriter asyncWriter_{restore_};
+  Kernel::MangleEvents mangleEvents_;
+  MangleWatch mangleWatch_;
   uint32_t leftoverRulesRemoved_ = 0;
   uint32_t leftoverTablesRemoved_ = 0;
 };

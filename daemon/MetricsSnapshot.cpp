@@ -126,7 +126,13 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
                        number(daemon.value("reloads", nlohmann::json()))));
   out.push_back(single("waymark_reloads_failed_total", "Reloads refused", MetricType::Counter,
                        number(daemon.value("reloadsFailed", nlohmann::json()))));
-  out.push_back(single("waymark_drift_repairs_total", "Kernel drift repaired", MetricType::Counter,
+  out.push_back(single("waymark_drift_detected_total",
+                       "Changes to waymark's rules, routes or chains made from outside",
+                       MetricType::Counter,
+                       number(daemon.value("driftDetected", nlohmann::json()))));
+  out.push_back(single("waymark_drift_repairs_total",
+                       "Kernel drift repaired (rules and routes put back, mangle tables rebuilt)",
+                       MetricType::Counter,
                        number(daemon.value("driftRepairs", nlohmann::json()))));
   out.push_back(single("waymark_idle", "1 when no kernel work is pending", MetricType::Gauge,
                        status.value("idle", false) ? 1 : 0));

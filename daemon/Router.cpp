@@ -84,7 +84,10 @@ double Router::sleepTime() const {
   const double health = std::max(0.0, health_.nextDue() - clock_.now());
   // A suspected drift is compared after a grace of a tenth of a second.
   const double drift = kernel_.driftSuspected() ? 0.05 : Vix::kNever;
-  return std::min({Vix::activityManager().sleepTime(), health, drift});
+  const double mangle = phase_ == StartupPhase::running
+                            ? std::max(0.0, kernel_.mangleCheckDue() - clock_.now())
+                            : Vix::kNever;
+  return std::min({Vix::activityManager().sleepTime(), health, drift, mangle});
 }
 
 void Router::probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from) {
@@ -102,13 +105,7 @@ void Router::turn() {
   gate_.applyWhenQuiet(model_, health_.down());
   advanceStartup();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());
-  if (phase_ == StartupPhase::running) {
-    const auto usable = [this](const Velnet::IpGenAddr& a) { return !linkOf(a).interface.empty(); };
-    for (const auto& text :
-         kernel_.repairDrift(*plugin_->nexthopTableManager(), usable, clock_.now())) {
-      event("drift", text);
-    }
-  }
+  if (phase_ == StartupPhase::running) keepKernel();
   noticeChanges();
   longestTurn_ = std::max(longestTurn_, clock_.now() - began);
 }
@@ -125,6 +122,80 @@ void Router::advanceStartup() {
     kernel_.rulesWritten(*plugin_->nexthopTableManager());
     phase_ = StartupPhase::running;
   }
+}
+
+void Router::keepKernel() {
+  const auto usable = [this](const Velnet::IpGenAddr& a) { return !linkOf(a).interface.empty(); };
+  for (const auto& text :
+       kernel_.repairDrift(*plugin_->nexthopTableManager(), usable, clock_.now())) {
+    event("drift", text);
+  }
+  if (rebuild_ != Rebuild::none) {
+    advanceRebuild();
+    return;
+  }
+  // Compared only when nothing is on its way, so that what waymark is
+  // writing is not taken for drift.
+  if (gate_.waiting() || !StatusReport::idle(*plugin_) || kernel_.writing()) return;
+  if (resyncRequested_) {
+    resyncRequested_ = false;
+    beginRebuild("resync");
+    return;
+  }
+  if (clock_.now() < kernel_.mangleCheckDue()) return;
+  std::vector<std::string> found;
+  const bool rebuild = kernel_.mangleDrifted(clock_.now(), found);
+  for (const auto& text : found) event("drift", text);
+  if (rebuild) beginRebuild("drift");
+}
+
+void Router::beginRebuild(const std::string& cause) {
+  rebuildCause_ = cause;
+  failedBeforeRebuild_ = batchesFailed();
+  kernel_.beginRebuild();
+  plugin_->pbrAclPluginSm()->rebuild();
+  rebuild_ = Rebuild::programming;
+}
+
+void Router::advanceRebuild() {
+  if (rebuild_ == Rebuild::programming) {
+    if (!StatusReport::idle(*plugin_)) return;
+    kernel_.commitRebuild();
+    rebuild_ = Rebuild::writing;
+  }
+  if (kernel_.writing()) return;
+  rebuild_ = Rebuild::none;
+  ++rebuilds_;
+  std::string error;
+  if (batchesFailed() != failedBeforeRebuild_) {
+    for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
+      const auto typeData = plugin_->aclHelper()->aclTypeData(option);
+      if (typeData && !typeData->iptablesManager()->lastError().empty()) {
+        error = typeData->iptablesManager()->lastError();
+      }
+    }
+  }
+  kernel_.rebuildDone(error);
+  event(rebuildCause_, error.empty() ? "mangle tables rebuilt in place, one transaction per family"
+                                     : "mangle tables could not be rebuilt: " + error);
+}
+
+uint32_t Router::batchesFailed() const {
+  uint32_t failed = 0;
+  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
+    if (const auto typeData = plugin_->aclHelper()->aclTypeData(option)) {
+      failed += typeData->iptablesManager()->batchesFailed();
+    }
+  }
+  return failed;
+}
+
+void Router::resync() {
+  kernel_.resumeDriftRepair();
+  kernel_.suspectDrift();
+  resyncRequested_ = true;
+  event("resync",
+        "resync asked: waymark's mangle tables are rebuilt, its rules and routes compared");
 }
 
 std::string Router::reload() {
@@ -151,7 +222,8 @@ std::string Router::reload() {
 
 bool Router::idle() const {
   return phase_ == StartupPhase::running && !gate_.waiting() && StatusReport::idle(*plugin_) &&
-         !kernel_.writing();
+         !kernel_.writing() && rebuild_ == Rebuild::none && !resyncRequested_ &&
+         !kernel_.driftSuspected();
 }
 
 void Router::applyTunables(const Tunables& t) {
@@ -517,7 +589,9 @@ nlohmann::json Router::status() const {
        model_.tunables.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
       {"startingUp", phase_ != StartupPhase::running},
       {"configWaiting", gate_.waiting()},
-      {"writerIdle", !kernel_.writing()}};
+      {"writerIdle", !kernel_.writing()},
+      {"mangleRebuilds", rebuilds_},
+      {"mangleRebuilding", rebuild_ != Rebuild::none || resyncRequested_}};
   kernel_.describe(status);
   return status;
 }
@@ -551,6 +625,10 @@ nlohmann::json Router::handle(const nlohmann::json& request) {
     return {{"ok", error.empty()}, {"error", error}};
   }
   if (command == "events") return eventsJson();
+  if (command == "resync") {
+    resync();
+    return {{"ok", true}, {"error", ""}};
+  }
   if (command == "metrics") return {{"text", MetricsSnapshot::text(metrics())}};
   if (command == "explain") return explain(request);
   if (command == "counters") {

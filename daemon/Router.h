@@ -14,6 +14,12 @@
 //
 // A nexthop its health check finds down is withdrawn through the gate, as a
 // reload would: the classes' lists are applied again without it.
+//
+// Once running, it keeps the kernel what the status says: routing drift is
+// repaired by the kernel side; when the mangle tables differ from what
+// waymark wrote (or on resync) the policy framework programs everything
+// again, as at the start, and the kernel side writes it in place as one
+// transaction per family.
 #pragma once
 
 #include <cstdint>
@@ -73,7 +79,10 @@ class Router {
   nlohmann::json handle(const nlohmann::json& request);
   // Loads the file again and applies the difference; "" or why not.
   std::string reload();
-  // No kernel work pending anywhere, the start included.
+  // Rebuilds the mangle tables from the current configuration and compares
+  // the rules and routes again; it is done when the router is idle.
+  void resync();
+  // No kernel work pending anywhere, the start and a rebuild included.
   bool idle() const;
   nlohmann::json status() const;
 
@@ -94,6 +103,12 @@ class Router {
 
  private:
   void advanceStartup();
+  // Compares the kernel with what waymark programmed and repairs it.
+  void keepKernel();
+  // A mangle rebuild's steps: programmed again (held), then written.
+  void advanceRebuild();
+  void beginRebuild(const std::string& cause);
+  uint32_t batchesFailed() const;
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
   // Records a state change with its time, and logs it.
@@ -147,6 +162,12 @@ class Router {
   uint32_t reloads_ = 0;
   uint32_t reloadsFailed_ = 0;
   std::string lastReloadError_;
+  enum class Rebuild { none, programming, writing };
+  Rebuild rebuild_ = Rebuild::none;
+  std::string rebuildCause_;
+  uint32_t failedBeforeRebuild_ = 0;
+  bool resyncRequested_ = false;
+  uint32_t rebuilds_ = 0;
 
   struct Event {
     double uptime;

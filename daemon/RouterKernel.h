@@ -73,6 +73,20 @@ class RouterKernel {
   }
   // Repairs again after too many stopped them.
   virtual void resumeDriftRepair() {}
+  // Compares the routing state on the next turn, as after a removal.
+  virtual void suspectDrift() {}
+  // When the mangle tables are next compared with what waymark wrote.
+  virtual double mangleCheckDue() const { return 1e300; }
+  // Compares them; true (with `out` saying why) when they must be rebuilt.
+  // REQUIRES: nothing is being written.
+  virtual bool mangleDrifted(double /*now*/, std::vector<std::string>& /*out*/) { return false; }
+  // A rebuild of the mangle tables begins: what is written is held until
+  // commitRebuild(), which writes it as one transaction per family that
+  // changes only waymark's part of the tables.
+  virtual void beginRebuild() {}
+  virtual void commitRebuild() {}
+  // The rebuild's transactions are written: ok, or why not.
+  virtual void rebuildDone(const std::string& /*error*/) {}
   // True while something removed waits to be compared: the loop must come
   // back soon even when nothing else is timed.
   virtual bool driftSuspected() const { return false; }

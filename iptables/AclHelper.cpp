@@ -134,6 +134,11 @@ Vix::String8 AclHelper::deletePolicy(const PolicyData& policyData,
   return "";
 }
 
+void AclHelper::forgetPolicy(const PolicyData& policyData, PolicyMap::ClassMapMatchOption option) {
+  VIX_TRACE(8, "forgetPolicy " << policyData->key().strDesc() << " " << familyName(option));
+  if (const auto typeData = aclTypeData(option)) typeData->aclDel(policyData->key());
+}
+
 Vix::String8 AclHelper::addIntfToPolicy(const PolicyData& policyData, const Velnet::IntfId& intf,
                                         PolicyMap::ClassMapMatchOption option) {
   return modifyIntfOnPolicy(policyData, intf, option, true);

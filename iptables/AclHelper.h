@@ -47,6 +47,7 @@ class AclHelper : public PolicyMap::PolicyMapAclHelper {
                             PolicyMap::ClassMapMatchOption option) override;
   Vix::String8 commitPolicy(const PolicyData& policyData,
                             PolicyMap::ClassMapMatchOption option) override;
+  void forgetPolicy(const PolicyData& policyData, PolicyMap::ClassMapMatchOption option) override;
   Vix::String8 addIntfToPolicy(const PolicyData& policyData, const Velnet::IntfId& intf,
                                PolicyMap::ClassMapMatchOption option) override;
   Vix::String8 removeIntfFromPolicy(const PolicyData& policyData, const Velnet::IntfId& intf,

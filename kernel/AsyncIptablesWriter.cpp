@@ -7,6 +7,16 @@
 
 namespace Kernel {
 
+namespace {
+
+std::set<std::string> names(const std::map<std::string, std::vector<std::string>>& chains) {
+  std::set<std::string> out;
+  for (const auto& [name, rules] : chains) out.insert(name);
+  return out;
+}
+
+}  // namespace
+
 AsyncIptablesWriter::AsyncIptablesWriter(AclUtils::IptablesWriter& restore)
     : restore_(restore), wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   lanes_[0].type = Acl::aclTypeIpv4;
@@ -33,7 +43,7 @@ std::optional<AclUtils::IptablesWriteResult> AsyncIptablesWriter::write(Acl::Acl
       l.held.push_back(text);
       return std::nullopt;
     }
-    l.jobs.push_back({{text}, false, {}});
+    l.jobs.push_back({{text}, false, {}, {}});
   }
   wake_.notify_all();
   return std::nullopt;
@@ -46,16 +56,38 @@ void AsyncIptablesWriter::hold() {
 
 void AsyncIptablesWriter::commit(const std::set<std::string>& v4Chains,
                                  const std::set<std::string>& v6Chains) {
+  release([&](const Lane& l, Job& job) {
+    job.existingChains = l.type == Acl::aclTypeIpv6 ? v6Chains : v4Chains;
+  });
+}
+
+void AsyncIptablesWriter::commitInPlace(const MangleReadback::OwnPart& v4,
+                                        const MangleReadback::OwnPart& v6) {
+  release([&](const Lane& l, Job& job) { job.inPlace = l.type == Acl::aclTypeIpv6 ? v6 : v4; });
+}
+
+void AsyncIptablesWriter::release(const std::function<void(const Lane&, Job&)>& describe) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     holding_ = false;
     for (Lane& l : lanes_) {
-      const auto& chains = l.type == Acl::aclTypeIpv6 ? v6Chains : v4Chains;
-      if (!l.held.empty()) l.jobs.push_back({std::move(l.held), true, chains});
-      l.held.clear();
+      if (l.held.empty()) continue;
+      Job job{std::exchange(l.held, {}), true, {}, {}};
+      describe(l, job);
+      l.jobs.push_back(std::move(job));
     }
   }
   wake_.notify_all();
+}
+
+uint64_t AsyncIptablesWriter::writes() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return writes_;
+}
+
+MangleTransaction AsyncIptablesWriter::written(Acl::AclType type) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return type == Acl::aclTypeIpv6 ? lanes_[1].written : lanes_[0].written;
 }
 
 std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::takeOutcomes() {
@@ -94,23 +126,56 @@ void AsyncIptablesWriter::work(Lane& l) {
 }
 
 std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::run(Lane& l, const Job& job) {
+  if (job.transaction) return runTransaction(l, job);
+  const auto result = writeNow(l.type, job.batches.front());
+  if (result.ok) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    l.written.add(job.batches.front());
+    ++writes_;
+  }
+  return {{l.type, job.batches.front(), result}};
+}
+
+std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::runTransaction(Lane& l,
+                                                                              const Job& job) {
+  MangleTransaction transaction;
+  for (const auto& batch : job.batches) transaction.add(batch);
+  const std::string text =
+      !transaction.foldable() ? ""
+      : job.inPlace ? transaction.textInPlace(names(job.inPlace->chains), job.inPlace->jumps)
+                    : transaction.text(job.existingChains);
+  const auto written = !text.empty() ? writeNow(l.type, text)
+                                     : AclUtils::IptablesWriteResult{false, "cannot be folded", ""};
   std::vector<Outcome> done;
-  if (job.transaction) {
-    MangleTransaction transaction;
-    for (const auto& batch : job.batches) transaction.add(batch);
-    const auto written = transaction.foldable()
-                             ? writeNow(l.type, transaction.text(job.existingChains))
-                             : AclUtils::IptablesWriteResult{false, "cannot be folded", ""};
+  {
     std::lock_guard<std::mutex> lock(mutex_);
     if (written.ok) {
       ++transactions_;
+      ++writes_;
+      l.written = transaction;
       for (const auto& batch : job.batches) done.push_back({l.type, batch, {}});
       return done;
     }
     ++fallbacks_;
     fallbackReason_ = written.error;
   }
-  for (const auto& batch : job.batches) done.push_back({l.type, batch, writeNow(l.type, batch)});
+  if (job.inPlace) {
+    for (const auto& batch : job.batches) {
+      done.push_back({l.type, batch, {false, "the rebuild was refused: " + written.error, text}});
+    }
+    return done;
+  }
+  // Batch by batch, as without the transaction; the model follows what each
+  // written batch leaves.
+  MangleTransaction model;
+  for (const auto& batch : job.batches) {
+    const auto result = writeNow(l.type, batch);
+    if (result.ok) model.add(batch);
+    done.push_back({l.type, batch, result});
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  l.written = std::move(model);
+  writes_ += job.batches.size();
   return done;
 }
 

@@ -13,10 +13,20 @@
 // cannot be folded or is refused, its batches are written one by one, so
 // that the batch and line iptables refuses are reported as they would have
 // been without the transaction.
+//
+// A rebuild while running (drift repair, resync) is held the same way and
+// committed in place: one transaction per family that changes waymark's
+// part of the table only. A refused rebuild is not written batch by batch,
+// since its first batch empties the whole table; its batches fail instead.
+//
+// The writer also keeps, per family, what the batches it wrote leave in the
+// table (written()), which the drift check compares with the kernel's.
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -26,6 +36,8 @@
 
 #include "kernel/FileDescriptor.h"
 #include "kernel/IptablesWriter.h"
+#include "kernel/MangleReadback.h"
+#include "kernel/MangleTransaction.h"
 
 namespace Kernel {
 
@@ -54,6 +66,14 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   // that hold the user chains `v4Chains` and `v6Chains`.
   void commit(const std::set<std::string>& v4Chains = {},
               const std::set<std::string>& v6Chains = {});
+  // Writes what is held as one transaction per family in place, onto
+  // tables whose waymark part is `v4` and `v6`.
+  void commitInPlace(const MangleReadback::OwnPart& v4, const MangleReadback::OwnPart& v6);
+  // What the batches written so far leave in the family's table; not
+  // foldable when that is unknown (no start was written).
+  MangleTransaction written(Acl::AclType type) const;
+  // How many batches and transactions were written so far.
+  uint64_t writes() const;
 
   // Readable when outcomes are waiting.
   int fd() const { return wakeup_.get(); }
@@ -73,12 +93,14 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   struct Job {
     std::vector<std::string> batches;
     bool transaction = false;
-    std::set<std::string> existingChains;  // of a transaction
+    std::set<std::string> existingChains;            // of a transaction
+    std::optional<MangleReadback::OwnPart> inPlace;  // of a rebuild
   };
   struct Lane {
     Acl::AclType type;
     std::deque<Job> jobs;
     std::vector<std::string> held;
+    MangleTransaction written;
     bool busy = false;
     std::thread thread;
   };
@@ -86,6 +108,10 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   void work(Lane& lane);
   // Writes the job's batches; their outcomes, in order.
   std::vector<Outcome> run(Lane& lane, const Job& job);
+  std::vector<Outcome> runTransaction(Lane& lane, const Job& job);
+  // Stops holding; each family's held batches become one transaction job,
+  // which `describe` completes.
+  void release(const std::function<void(const Lane&, Job&)>& describe);
   Lane& lane(Acl::AclType type) { return type == Acl::aclTypeIpv6 ? lanes_[1] : lanes_[0]; }
 
   // The one place a batch is written, at once.
@@ -101,6 +127,7 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   bool stopping_ = false;
   uint32_t transactions_ = 0;
   uint32_t fallbacks_ = 0;
+  uint64_t writes_ = 0;
   std::string fallbackReason_;
 };
 

@@ -8,7 +8,7 @@ namespace Kernel {
 
 namespace {
 
-const std::string kDispatch = "TAMBRO_PBR_INTF";
+const std::string kDispatch = MangleReadback::kDispatchChain;
 
 bool ours(const std::string& chain) { return chain == kDispatch || chain.rfind("PBR_", 0) == 0; }
 
@@ -43,6 +43,26 @@ std::vector<std::string> MangleReadback::foreign(const std::string& save) {
       if (ours(chain)) continue;
       if (line == "-A PREROUTING -j " + kDispatch) continue;
       out.push_back(line);
+    }
+  }
+  return out;
+}
+
+MangleReadback::OwnPart MangleReadback::own(const std::string& save) {
+  OwnPart out;
+  std::istringstream in(save);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    std::string first;
+    std::string chain;
+    words >> first >> chain;
+    if (first.size() > 1 && first[0] == ':') {
+      const std::string name = first.substr(1);
+      if (ours(name)) out.chains[name];
+    } else if (first == "-A" && ours(chain)) {
+      out.chains[chain].push_back(line.substr(line.find(chain) + chain.size()));
+    } else if (line == "-A PREROUTING -j " + kDispatch) {
+      ++out.jumps;
     }
   }
   return out;

@@ -18,6 +18,16 @@ namespace Kernel {
 
 class MangleReadback {
  public:
+  static constexpr const char* kDispatchChain = "TAMBRO_PBR_INTF";
+
+  // waymark's part of a table: its chains, their rules as iptables-save
+  // prints them, and how many jumps PREROUTING makes to the dispatch chain.
+  struct OwnPart {
+    std::map<std::string, std::vector<std::string>> chains;
+    size_t jumps = 0;
+    bool operator==(const OwnPart&) const = default;
+  };
+
   struct Counter {
     uint64_t packets = 0;
     uint64_t bytes = 0;
@@ -33,6 +43,7 @@ class MangleReadback {
   // The lines of `save` that are not waymark's: "-A ..." rules and "-N
   // CHAIN" for each chain of another name.
   static std::vector<std::string> foreign(const std::string& save);
+  static OwnPart own(const std::string& save);
   // The user chains of `save`, waymark's and others'.
   static std::set<std::string> chains(const std::string& save);
   // The iptables-restore lines that remove waymark's part of `save` and

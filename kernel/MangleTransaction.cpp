@@ -4,12 +4,15 @@
 #include <sstream>
 #include <utility>
 
+#include "kernel/MangleReadback.h"
+
 namespace Kernel {
 
 namespace {
 
 const char* const kBuiltIn[] = {"PREROUTING", "INPUT", "FORWARD", "OUTPUT", "POSTROUTING"};
 constexpr size_t kBuiltInCount = 5;
+constexpr const char* kDispatch = MangleReadback::kDispatchChain;
 
 std::string trimmed(const std::string& s) {
   const size_t a = s.find_first_not_of(' ');
@@ -39,6 +42,12 @@ MangleTransaction::Chain* MangleTransaction::chain(const std::string& name) {
 const std::vector<std::string>* MangleTransaction::rules(const std::string& name) const {
   const Chain* c = chain(name);
   return c == nullptr ? nullptr : &c->second;
+}
+
+std::vector<std::string> MangleTransaction::userChains() const {
+  std::vector<std::string> out;
+  for (size_t i = kBuiltInCount; i < chains_.size(); ++i) out.push_back(chains_[i].first);
+  return out;
 }
 
 bool MangleTransaction::add(const std::string& batch) {
@@ -142,6 +151,33 @@ std::string MangleTransaction::text(const std::set<std::string>& existing) const
   }
   for (const auto& [name, rules] : chains_) {
     for (const auto& rule : rules) out += "-A " + name + " " + rule + "\n";
+  }
+  return out + "COMMIT\n";
+}
+
+std::string MangleTransaction::textInPlace(const std::set<std::string>& ownChains,
+                                           size_t jumps) const {
+  std::string out = "*mangle\n";
+  for (size_t i = 0; i < jumps; ++i) out += "-D PREROUTING -j " + std::string(kDispatch) + "\n";
+  std::set<std::string> wanted;
+  for (size_t i = kBuiltInCount; i < chains_.size(); ++i) wanted.insert(chains_[i].first);
+  for (const auto& name : ownChains) out += "-F " + name + "\n";
+  for (const auto& name : ownChains) {
+    if (wanted.count(name) == 0) out += "-X " + name + "\n";
+  }
+  for (size_t i = kBuiltInCount; i < chains_.size(); ++i) {
+    if (ownChains.count(chains_[i].first) == 0) out += "-N " + chains_[i].first + "\n";
+  }
+  // After the folded start the built-in chains hold only waymark's rules,
+  // which go first, as the dispatch chain's set-up inserts them.
+  for (size_t i = 0; i < kBuiltInCount; ++i) {
+    const auto& [name, rules] = chains_[i];
+    for (size_t r = 0; r < rules.size(); ++r) {
+      out += "-I " + name + " " + std::to_string(r + 1) + " " + rules[r] + "\n";
+    }
+  }
+  for (size_t i = kBuiltInCount; i < chains_.size(); ++i) {
+    for (const auto& rule : chains_[i].second) out += "-A " + chains_[i].first + " " + rule + "\n";
   }
   return out + "COMMIT\n";
 }

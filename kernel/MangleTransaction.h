@@ -34,9 +34,16 @@ class MangleTransaction {
   // The one framed transaction onto a mangle table that holds the user
   // chains `existing`. REQUIRES: foldable().
   std::string text(const std::set<std::string>& existing) const;
+  // The same rules written in place: only waymark's part of the table
+  // changes, onto a table that holds waymark's chains `ownChains` and
+  // `jumps` jumps from PREROUTING to the dispatch chain. Every other rule and
+  // chain stays as it is, with its counters. REQUIRES: foldable().
+  std::string textInPlace(const std::set<std::string>& ownChains, size_t jumps) const;
   // The rules (match and target, as written) chain `name` holds after what
   // was replayed; nothing when there is no such chain.
   const std::vector<std::string>* rules(const std::string& name) const;
+  // The user chains, in the order they were made.
+  std::vector<std::string> userChains() const;
 
  private:
   using Chain = std::pair<std::string, std::vector<std::string>>;

@@ -26,6 +26,9 @@ class PolicyMapAclHelper : public Vix::Entity {
   virtual Vix::String8 createPolicy(const PolicyData&, ClassMapMatchOption) { return ""; }
   virtual Vix::String8 recreatePolicy(const PolicyData&, ClassMapMatchOption) { return ""; }
   virtual Vix::String8 deletePolicy(const PolicyData&, ClassMapMatchOption) { return ""; }
+  // The hardware lost the policy (its tables are being rebuilt): forget
+  // what was programmed for it, writing nothing.
+  virtual void forgetPolicy(const PolicyData&, ClassMapMatchOption) {}
   virtual Vix::String8 commitPolicy(const PolicyData&, ClassMapMatchOption) { return ""; }
   virtual Vix::String8 addIntfToPolicy(const PolicyData&, const Velnet::IntfId&,
                                        ClassMapMatchOption) {

@@ -215,6 +215,13 @@ void PolicyMapSm::remove() {
   policyMapStatus_->policyDel(key().name());
 }
 
+void PolicyMapSm::reprogram() {
+  PolicyMapAclHelper& helper = *globalCommonData_->aclHelper;
+  for (const auto option : families_) helper.forgetPolicy(commonData_, option);
+  families_.clear();
+  program(false);
+}
+
 bool PolicyMapSm::usesClassMap(const std::string& name) const {
   return std::any_of(classes_.begin(), classes_.end(),
                      [&](const auto& c) { return c->name() == name; });

@@ -57,6 +57,9 @@ class PolicyMapSm : public Vix::Entity {
   void intfIs(const Velnet::IntfId& intf, bool applied);
   // Cleans the classes up and deletes the policy everywhere.
   void remove();
+  // The hardware lost the policy (its tables are being rebuilt): programs
+  // it again as its start did, on top of the dispatch set-up.
+  void reprogram();
   bool usesClassMap(const std::string& name) const;
   bool usesAccessList(const std::string& name) const;
 

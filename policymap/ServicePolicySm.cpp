@@ -77,6 +77,12 @@ void ServicePolicySm::initializedIs(bool initialized) {
   }
 }
 
+void ServicePolicySm::rebuild() {
+  if (!initialized_) return;
+  globalCommonData_->aclHelper->hwInit();
+  for (const auto& sm : policyMapSms_) sm->reprogram();
+}
+
 Vix::Ptr<PolicyMapSm> ServicePolicySm::policyMapSm(const std::string& name) const {
   for (const auto& sm : policyMapSms_) {
     if (sm->key().name() == name) return sm;

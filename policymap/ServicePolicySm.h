@@ -48,6 +48,10 @@ class ServicePolicySm : public Vix::Entity {
   const Vix::Ptr<GlobalCommonData>& globalCommonData() const { return globalCommonData_; }
   bool initialized() const { return initialized_; }
   void initializedIs(bool initialized);
+  // The hardware lost what was programmed (drift, a resync): sets it up
+  // and programs every policy again, as the start did. Nothing when not
+  // initialised.
+  void rebuild();
   // The policy's state machine; null when there is none.
   Vix::Ptr<PolicyMapSm> policyMapSm(const std::string& name) const;
   const std::vector<Vix::Ptr<PolicyMapSm>>& policyMapSms() const { return policyMapSms_; }

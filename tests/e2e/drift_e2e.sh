@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Routing drift end to end, with real traffic (examples/lab.sh): a rule or a
-# table of a programmed nexthop removed from outside is noticed and put back
-# within a second, and steered traffic returns; a link going down is not
-# drift; a tool that keeps deleting waymark's rule meets the rate limit, not
-# a loop, and a reload repairs again. Ends with "N passed, N failed"; needs
-# root.
+# Drift end to end, with real traffic (examples/lab.sh): a rule or a table
+# of a programmed nexthop removed from outside, a policy chain flushed and a
+# whole `nft flush ruleset` are noticed and repaired within a second, and
+# steered traffic returns, another tool's mangle rule untouched; resync
+# rebuilds on demand; a link going down is not drift; a tool that keeps
+# deleting waymark's rule meets the rate limit, not a loop, and a reload
+# repairs again. Ends with "N passed, N failed"; needs root.
 set -uo pipefail
 BUILD=${1:-build}
 WAYMARKD=$BUILD/daemon/waymarkd
@@ -53,6 +54,37 @@ check "IPv4 route put back within 1 s" "$(within "$t1" 'route of nexthop 198.51.
 check "IPv6 route put back within 1 s" "$(within "$t1" 'route of nexthop 2001:db8:2::2 .* put back' 1.0)" yes
 check "IPv4 web traffic reaches nh1" "$(lab_arrived 4 tcp 80)" nh1
 check "IPv6 web traffic reaches nh1" "$(lab_arrived 6 tcp 80)" nh1
+
+echo "== a policy chain flushed from outside"
+# Another tool's rule in the mangle table, which no rebuild may touch.
+in_ns router iptables -t mangle -A PREROUTING -s 192.0.2.250 -j ACCEPT
+chain=$(in_ns router iptables -t mangle -S | awk '/^-N PBR_/ { print $2; exit }')
+t5=$(uptime_now)
+in_ns router iptables -t mangle -F "$chain"
+check "rebuilt within 1 s" "$(within "$t5" 'mangle tables rebuilt in place' 1.0)" yes
+check "the drift names the chain" \
+  "$(within "$t5" "mangle tables changed from outside: IPv4: rules missing or added: $chain" 1.0)" yes
+check "web traffic reaches nh1 again" "$(lab_arrived 4 tcp 80)" nh1
+check "DNS reaches nh2 again" "$(lab_arrived 4 udp 53)" nh2
+check "the other tool's rule is still there" \
+  "$(in_ns router iptables -t mangle -S PREROUTING | grep -c -- '-s 192.0.2.250/32 -j ACCEPT')" 1
+check "status: no drift left" "$(field .drift)" none
+
+echo "== the whole ruleset flushed, as a firewall's reload does"
+t6=$(uptime_now)
+in_ns router nft flush ruleset
+check "rebuilt within 1 s" "$(within "$t6" 'mangle tables rebuilt in place' 1.0)" yes
+check "IPv4 web traffic reaches nh1" "$(lab_arrived 4 tcp 80)" nh1
+check "IPv6 web traffic reaches nh1" "$(lab_arrived 6 tcp 80)" nh1
+check "status: no drift left" "$(field .drift)" none
+check "drift and repairs are metrics" \
+  "$(lab_ctl metrics | grep -cE '^waymark_drift_(detected|repairs)_total [1-9]')" 2
+
+echo "== resync on demand"
+t7=$(uptime_now)
+check "waymarkctl resync" "$(lab_ctl resync)" "resynced; drift: none"
+check "it rebuilt in place" "$(event_at 'mangle tables rebuilt in place' "$t7" | grep -c .)" 1
+check "web traffic reaches nh1" "$(lab_arrived 4 tcp 80)" nh1
 
 echo "== a link going down is not drift"
 t2=$(uptime_now)
