@@ -35,8 +35,11 @@ bool KernelSession::open(const ConfigModel& model, std::string* error, bool* for
   if (!guardMangleTable(model, error, foreignMangle)) return false;
   // Subscribed before the kernel is read, so that nothing another tool
   // adds in between goes unseen.
-  if (!routingEvents_.open(error) || !mangleEvents_.open(error) || !prober_.open(error)) {
-    return false;
+  if (!routingEvents_.open(error) || !prober_.open(error)) return false;
+  std::string eventsError;
+  if (!mangleEvents_.open(&eventsError)) {
+    log_(eventsError + "; the mangle tables are compared every " +
+         std::to_string(static_cast<int>(MangleWatch::kPeriod)) + " s only");
   }
   journal_.load();
   std::vector<Kernel::PolicyRule> rules;
@@ -147,7 +150,9 @@ void KernelSession::handleMangleEvents(double now) {
 }
 
 bool KernelSession::mangleDrifted(double now, std::vector<std::string>& out) {
-  const std::string found = mangleWatch_.check(now, asyncWriter_.writes());
+  const auto compared = mangleWatch_.check(now, asyncWriter_.writes());
+  if (!compared) return false;
+  const std::string& found = *compared;
   if (found.empty()) {
     drift_.mangleAgrees();
     return false;
@@ -156,14 +161,14 @@ bool KernelSession::mangleDrifted(double now, std::vector<std::string>& out) {
 }
 
 void KernelSession::commitRebuild() {
-  Kernel::MangleReadback::OwnPart own[2];
-  for (const bool v6 : {false, true}) {
+  // A table that cannot be read gets a transaction that assumes nothing of
+  // waymark's is left; should something be, iptables refuses it whole.
+  const double timeLimit = childTimeLimit_;
+  asyncWriter_.commitInPlace([timeLimit](Acl::AclType type) {
     std::string error;
-    own[v6 ? 1 : 0] =
-        Kernel::MangleReadback::own(Kernel::MangleReadback::save(v6, childTimeLimit_, &error));
-    if (!error.empty()) log_("cannot read the mangle table before its rebuild: " + error);
-  }
-  asyncWriter_.commitInPlace(own[0], own[1]);
+    return Kernel::MangleReadback::own(
+        Kernel::MangleReadback::save(type == Acl::aclTypeIpv6, timeLimit, &error));
+  });
 }
 
 void KernelSession::rebuildDone(const std::string& error) {

@@ -1,6 +1,7 @@
 #include "daemon/MangleWatch.h"
 
 #include <algorithm>
+#include <chrono>
 #include <vector>
 
 namespace Waymark {
@@ -23,30 +24,56 @@ void MangleWatch::suspect(double now) {
 }
 
 double MangleWatch::due() const {
+  if (reading_.valid()) return polledAt_ + kPoll;
   const double periodic = checkedAt_ + kPeriod;
   return suspectedAt_ < 0 ? periodic : std::min(periodic, suspectedAt_ + kGrace);
 }
 
-std::string MangleWatch::check(double now, uint64_t writes) {
-  suspectedAt_ = -1.0;
-  checkedAt_ = now;
+std::optional<std::string> MangleWatch::check(double now, uint64_t writes) {
+  polledAt_ = now;
+  if (!reading_.valid()) {
+    suspectedAt_ = -1.0;
+    checkedAt_ = now;
+    writesBefore_ = writes;
+    // A family with nothing written to compare with is not read.
+    const bool known[2] = {written_(false).known(), written_(true).known()};
+    reading_ = std::async(std::launch::async, [this, known] {
+      Saved saved;
+      for (const bool v6 : {false, true}) {
+        if (!known[v6]) continue;
+        std::string error;
+        saved.text[v6] = readback_(v6, &error);
+        saved.ok[v6] = error.empty();
+      }
+      return saved;
+    });
+    return std::nullopt;
+  }
+  if (reading_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return std::nullopt;
+  const Saved saved = reading_.get();
+  if (writes != writesBefore_) {
+    suspect(now);
+    return std::nullopt;
+  }
+  return compare(saved, writes);
+}
+
+std::string MangleWatch::compare(const Saved& saved, uint64_t writes) {
   std::string out;
   for (const bool v6 : {false, true}) {
-    const std::string found = checkFamily(v6, writes);
+    if (!saved.ok[v6]) continue;
+    const std::string found = compareFamily(v6, saved.text[v6], writes);
     if (found.empty()) continue;
     out += (out.empty() ? "" : "; ") + std::string(v6 ? "IPv6: " : "IPv4: ") + found;
   }
   return out;
 }
 
-std::string MangleWatch::checkFamily(bool v6, uint64_t writes) {
+std::string MangleWatch::compareFamily(bool v6, const std::string& save, uint64_t writes) {
   const auto expected = written_(v6);
   // Nothing written yet, or a start that could not be followed: there is
   // nothing to compare with.
-  if (!expected.foldable()) return "";
-  std::string error;
-  const std::string save = readback_(v6, &error);
-  if (!error.empty()) return "";
+  if (!expected.known()) return "";
   const auto actual = Kernel::MangleReadback::own(save);
   const std::string shape = differences(expected, actual);
   if (!shape.empty()) return shape;
@@ -70,7 +97,9 @@ std::string MangleWatch::differences(const Kernel::MangleTransaction& expected,
   const std::string jump = std::string("-j ") + Kernel::MangleReadback::kDispatchChain;
   const auto* prerouting = expected.rules("PREROUTING");
   const size_t jumps =
-      prerouting == nullptr ? 0 : static_cast<size_t>(std::count(prerouting->begin(), prerouting->end(), jump));
+      prerouting == nullptr
+          ? 0
+          : static_cast<size_t>(std::count(prerouting->begin(), prerouting->end(), jump));
   const auto chains = expected.userChains();
   if (actual.chains.empty() && actual.jumps == 0 && (!chains.empty() || jumps != 0)) {
     return "waymark's chains and the dispatch jump are gone";

@@ -6,7 +6,11 @@
 // It compares after an announcement that a mangle table changed (after a
 // short grace, so that a burst is read once), and every kPeriod seconds in
 // any case, for changes that are not announced (the legacy iptables back
-// end, a lost announcement). Each comparison reads both tables back once.
+// end, a lost announcement). Each comparison reads both tables back once,
+// on a thread of its own: at 100,000 rules a read-back takes a second,
+// which the event loop must not wait for. A comparison that waymark's own
+// writes overtook is dropped and made again.
+//
 // The shape (chains, their rule counts, the jumps) is compared with what
 // the writer's batches leave; the rules' texts, which iptables prints in
 // its own words, are compared with the read-back taken after waymark's last
@@ -15,6 +19,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <future>
+#include <optional>
 #include <string>
 
 #include "kernel/MangleReadback.h"
@@ -26,9 +32,11 @@ class MangleWatch {
  public:
   static constexpr double kGrace = 0.1;
   static constexpr double kPeriod = 10.0;
+  // How often a read-back on its way is looked at.
+  static constexpr double kPoll = 0.02;
 
   // The family's table as iptables-save prints it; `error` set when it
-  // cannot be read.
+  // cannot be read. Called off the loop's thread.
   using Readback = std::function<std::string(bool v6, std::string* error)>;
   // What the writer's batches leave in the family's table.
   using Written = std::function<Kernel::MangleTransaction(bool v6)>;
@@ -38,12 +46,14 @@ class MangleWatch {
 
   // A mangle table changed, by whomever.
   void suspect(double now);
-  // When the next comparison is due.
+  // When check() should next be called.
   double due() const;
-  // Compares both families now; what differs ("" when nothing does).
-  // `writes` counts the writer's writes, so that a change of texts that
-  // follows one of waymark's own writes is taken as the new reference.
-  std::string check(double now, uint64_t writes);
+  // Starts a comparison, or finishes the one on its way: what differs
+  // ("" when nothing does) once it is done, nothing before. `writes`
+  // counts the writer's writes: a comparison they overtook is made again,
+  // and a change of texts that follows one of waymark's own writes is
+  // taken as the new reference.
+  std::optional<std::string> check(double now, uint64_t writes);
 
   // What differs between what waymark wrote and the table's waymark part,
   // in shape; "" when they agree.
@@ -51,12 +61,21 @@ class MangleWatch {
                                  const Kernel::MangleReadback::OwnPart& actual);
 
  private:
-  std::string checkFamily(bool v6, uint64_t writes);
+  struct Saved {
+    std::string text[2];
+    bool ok[2] = {false, false};
+  };
+
+  std::string compare(const Saved& saved, uint64_t writes);
+  std::string compareFamily(bool v6, const std::string& save, uint64_t writes);
 
   const Readback readback_;
   const Written written_;
   double suspectedAt_ = -1.0;
   double checkedAt_ = 0.0;
+  double polledAt_ = 0.0;
+  std::future<Saved> reading_;
+  uint64_t writesBefore_ = 0;
   // The read-back after waymark's last write, per family.
   Kernel::MangleReadback::OwnPart reference_[2];
   uint64_t referenceWrites_[2] = {UINT64_MAX, UINT64_MAX};

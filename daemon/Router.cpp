@@ -223,7 +223,7 @@ std::string Router::reload() {
 bool Router::idle() const {
   return phase_ == StartupPhase::running && !gate_.waiting() && StatusReport::idle(*plugin_) &&
          !kernel_.writing() && rebuild_ == Rebuild::none && !resyncRequested_ &&
-         !kernel_.driftSuspected();
+         !kernel_.driftSuspected() && clock_.now() < kernel_.mangleCheckDue();
 }
 
 void Router::applyTunables(const Tunables& t) {

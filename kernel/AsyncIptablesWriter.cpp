@@ -61,9 +61,8 @@ void AsyncIptablesWriter::commit(const std::set<std::string>& v4Chains,
   });
 }
 
-void AsyncIptablesWriter::commitInPlace(const MangleReadback::OwnPart& v4,
-                                        const MangleReadback::OwnPart& v6) {
-  release([&](const Lane& l, Job& job) { job.inPlace = l.type == Acl::aclTypeIpv6 ? v6 : v4; });
+void AsyncIptablesWriter::commitInPlace(const OwnReader& readOwn) {
+  release([&](const Lane&, Job& job) { job.inPlace = readOwn; });
 }
 
 void AsyncIptablesWriter::release(const std::function<void(const Lane&, Job&)>& describe) {
@@ -140,10 +139,13 @@ std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::runTransaction(La
                                                                               const Job& job) {
   MangleTransaction transaction;
   for (const auto& batch : job.batches) transaction.add(batch);
-  const std::string text =
-      !transaction.foldable() ? ""
-      : job.inPlace ? transaction.textInPlace(names(job.inPlace->chains), job.inPlace->jumps)
-                    : transaction.text(job.existingChains);
+  std::string text;
+  if (transaction.foldable() && job.inPlace) {
+    const auto own = job.inPlace(l.type);
+    text = transaction.textInPlace(names(own.chains), own.jumps);
+  } else if (transaction.foldable()) {
+    text = transaction.text(job.existingChains);
+  }
   const auto written = !text.empty() ? writeNow(l.type, text)
                                      : AclUtils::IptablesWriteResult{false, "cannot be folded", ""};
   std::vector<Outcome> done;

@@ -66,11 +66,14 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   // that hold the user chains `v4Chains` and `v6Chains`.
   void commit(const std::set<std::string>& v4Chains = {},
               const std::set<std::string>& v6Chains = {});
+  // What a family's table holds of waymark's now; read on the family's
+  // thread, right before its rebuild is written.
+  using OwnReader = std::function<MangleReadback::OwnPart(Acl::AclType)>;
   // Writes what is held as one transaction per family in place, onto
-  // tables whose waymark part is `v4` and `v6`.
-  void commitInPlace(const MangleReadback::OwnPart& v4, const MangleReadback::OwnPart& v6);
+  // tables whose waymark part `readOwn` tells.
+  void commitInPlace(const OwnReader& readOwn);
   // What the batches written so far leave in the family's table; not
-  // foldable when that is unknown (no start was written).
+  // known() when no start was written.
   MangleTransaction written(Acl::AclType type) const;
   // How many batches and transactions were written so far.
   uint64_t writes() const;
@@ -93,8 +96,8 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   struct Job {
     std::vector<std::string> batches;
     bool transaction = false;
-    std::set<std::string> existingChains;            // of a transaction
-    std::optional<MangleReadback::OwnPart> inPlace;  // of a rebuild
+    std::set<std::string> existingChains;  // of a transaction
+    OwnReader inPlace;                     // of a rebuild
   };
   struct Lane {
     Acl::AclType type;

@@ -29,7 +29,8 @@ bool aboutMangle(const nlmsghdr& m) {
     const auto* a = reinterpret_cast<const nlattr*>(data);
     if (a->nla_len < NLA_HDRLEN || data + a->nla_len > end) return false;
     if ((a->nla_type & NLA_TYPE_MASK) == kTableName) {
-      const std::string name(data + NLA_HDRLEN, strnlen(data + NLA_HDRLEN, a->nla_len - NLA_HDRLEN));
+      const std::string name(data + NLA_HDRLEN,
+                             strnlen(data + NLA_HDRLEN, a->nla_len - NLA_HDRLEN));
       return name == "mangle";
     }
     data += NLA_ALIGN(a->nla_len);

@@ -31,6 +31,9 @@ class MangleTransaction {
   bool add(const std::string& batch);
 
   bool foldable() const { return foldable_; }
+  // Whether what the batches leave is known: a start was replayed and
+  // everything since could be.
+  bool known() const { return started_ && foldable_; }
   // The one framed transaction onto a mangle table that holds the user
   // chains `existing`. REQUIRES: foldable().
   std::string text(const std::set<std::string>& existing) const;

@@ -297,6 +297,83 @@ TEST_F(RouterTest, TheStatusWarnsOfWhatCannotWorkInTheFileAndAtRunTime) {
   EXPECT_EQ(status()["warnings"].size(), 1u);
 }
 
+// The batches' lines of IPv4 since the last clear, and the events' texts.
+class RouterRebuildTest : public RouterTest {
+ protected:
+  std::vector<std::string> lines() const { return writer.lines(Acl::aclTypeIpv4); }
+  std::vector<std::string> eventTexts() {
+    const auto reply = ask({{"command", "events"}});
+    std::vector<std::string> out;
+    for (const auto& e : reply["events"]) out.push_back(e["text"]);
+    return out;
+  }
+  bool hasEvent(const std::string& text) {
+    const auto texts = eventTexts();
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+  }
+};
+
+TEST_F(RouterRebuildTest, AMangleDriftProgramsEveryPolicyAgainBehindTheDispatchSetUp) {
+  started();
+  kernel.mangleDrift = "IPv4: chain(s) missing: PBR_1_edge";
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_EQ(kernel.rebuildsBegun, 1);
+  EXPECT_EQ(kernel.rebuildsCommitted, 1);
+  EXPECT_EQ(kernel.rebuildErrors, std::vector<std::string>{""});
+  const auto written = lines();
+  ASSERT_GE(written.size(), 7u) << ::testing::PrintToString(written);
+  EXPECT_EQ(std::vector<std::string>(written.begin(), written.begin() + 4),
+            (std::vector<std::string>{"-F", "-X", "-N TAMBRO_PBR_INTF",
+                                      "-I PREROUTING -j TAMBRO_PBR_INTF"}));
+  // The policy is created afresh (a chain that is gone cannot be flushed),
+  // with its jump and its rules marking for the nexthop.
+  const std::string created = written[4];
+  ASSERT_EQ(created.rfind("-N PBR_", 0), 0u) << created;
+  const std::string chain = created.substr(3);
+  EXPECT_EQ(written[5], "-A TAMBRO_PBR_INTF -i eth1 -j " + chain);
+  EXPECT_EQ(written[6].rfind("-A " + chain + " ", 0), 0u);
+  EXPECT_NE(written[6].find("-j MARK --set-mark 0x2"), std::string::npos);
+  // The nexthop keeps its table and rule: no routing command.
+  EXPECT_TRUE(runner.commands.empty()) << commands();
+  EXPECT_TRUE(hasEvent("IPv4: chain(s) missing: PBR_1_edge"));
+  EXPECT_TRUE(hasEvent("mangle tables rebuilt in place, one transaction per family"));
+  EXPECT_EQ(status()["daemon"]["mangleRebuilds"], 1);
+}
+
+TEST_F(RouterRebuildTest, NothingIsComparedWhileWaymarksOwnWritesAreOnTheirWay) {
+  started();
+  kernel.busy = true;
+  kernel.mangleDrift = "IPv4: rules changed in PBR_1_edge";
+  for (int i = 0; i < 50; ++i) router.turn();
+  EXPECT_EQ(kernel.rebuildsBegun, 0);
+  kernel.busy = false;
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_EQ(kernel.rebuildsBegun, 1);
+}
+
+TEST_F(RouterRebuildTest, ResyncRebuildsComparesRoutingAndIsDoneWhenIdle) {
+  started();
+  EXPECT_TRUE(ask({{"command", "resync"}})["ok"]);
+  EXPECT_FALSE(ask({{"command", "idle"}})["idle"]);
+  EXPECT_TRUE(status()["daemon"]["mangleRebuilding"]);
+  EXPECT_EQ(kernel.driftSuspicions, 1);
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_EQ(kernel.rebuildsCommitted, 1);
+  EXPECT_EQ(lines().front(), "-F");
+  EXPECT_TRUE(hasEvent("mangle tables rebuilt in place, one transaction per family"));
+  EXPECT_FALSE(status()["daemon"]["mangleRebuilding"]);
+}
+
+TEST_F(RouterRebuildTest, ARefusedRebuildIsReportedAndLeftToTheNextComparison) {
+  started();
+  writer.refuseIs("-N PBR_");
+  kernel.mangleDrift = "IPv4: waymark's chains and the dispatch jump are gone";
+  ASSERT_TRUE(runUntilIdle());
+  ASSERT_EQ(kernel.rebuildErrors.size(), 1u);
+  EXPECT_EQ(kernel.rebuildErrors[0].rfind("iptables-restore: line 2 failed", 0), 0u);
+  EXPECT_TRUE(hasEvent("mangle tables could not be rebuilt: " + kernel.rebuildErrors[0]));
+}
+
 TEST_F(RouterTest, AnUnknownCommandIsRefusedByName) {
   started();
   const auto reply = ask({{"command", "restart"}});

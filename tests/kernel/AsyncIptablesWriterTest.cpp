@@ -1,7 +1,8 @@
 // The asynchronous writer: each family's batches in their order, a held
 // start written as one transaction per family, and a refused transaction
 // written again batch by batch so that the refused batch is the one
-// reported.
+// reported; a rebuild written in place, never batch by batch; and the
+// model of what the written batches leave.
 #include "kernel/AsyncIptablesWriter.h"
 
 #include <gtest/gtest.h>
@@ -98,6 +99,55 @@ TEST_F(AsyncIptablesWriterTest, ARefusedTransactionIsWrittenBatchByBatch) {
   EXPECT_EQ(writer.transactionFallbacks(), 1u);
   // The transaction, then the three batches again.
   EXPECT_EQ(texts(Acl::aclTypeIpv4).size(), 4u);
+}
+
+TEST_F(AsyncIptablesWriterTest, TheModelFollowsWhatWasWrittenNotWhatWasRefused) {
+  EXPECT_FALSE(writer.written(Acl::aclTypeIpv4).known());
+  writer.hold();
+  writer.write(Acl::aclTypeIpv4, kSetUp);
+  writer.write(Acl::aclTypeIpv4, framed("-N PBR_1_p\n-A PBR_1_p -p tcp\n"));
+  writer.commit();
+  outcomes(2);
+  recorder.refuseIs("-p bogus");
+  writer.write(Acl::aclTypeIpv4, framed("-A PBR_1_p -p udp\n"));
+  writer.write(Acl::aclTypeIpv4, framed("-A PBR_1_p -p bogus\n"));
+  outcomes(2);
+  const auto model = writer.written(Acl::aclTypeIpv4);
+  ASSERT_TRUE(model.known());
+  EXPECT_EQ(*model.rules("PBR_1_p"), (std::vector<std::string>{"-p tcp", "-p udp"}));
+  EXPECT_EQ(writer.writes(), 2u);
+}
+
+TEST_F(AsyncIptablesWriterTest, ARebuildIsOneInPlaceTransactionAndARefusalFailsEveryBatch) {
+  const Kernel::MangleReadback::OwnPart stale{{{"TAMBRO_PBR_INTF", {}}, {"PBR_1_p", {}}}, 1};
+  writer.hold();
+  writer.write(Acl::aclTypeIpv4, kSetUp);
+  writer.write(Acl::aclTypeIpv4, framed("-N PBR_2_p\n-A PBR_2_p -p tcp\n"));
+  writer.commitInPlace([&](Acl::AclType) { return stale; });
+  for (const auto& o : outcomes(2)) EXPECT_TRUE(o.result.ok);
+  EXPECT_EQ(texts(Acl::aclTypeIpv4),
+            std::vector<std::string>{framed("-D PREROUTING -j TAMBRO_PBR_INTF\n"
+                                            "-F PBR_1_p\n-F TAMBRO_PBR_INTF\n-X PBR_1_p\n"
+                                            "-N PBR_2_p\n-I PREROUTING 1 -j TAMBRO_PBR_INTF\n"
+                                            "-A PBR_2_p -p tcp\n")});
+  ASSERT_NE(writer.written(Acl::aclTypeIpv4).rules("PBR_2_p"), nullptr);
+
+  // Refused: its batches fail, and none is written on its own, since the
+  // dispatch set-up alone would empty the whole table.
+  recorder.clear();
+  recorder.refuseIs("-N PBR_3_p");
+  writer.hold();
+  writer.write(Acl::aclTypeIpv4, kSetUp);
+  writer.write(Acl::aclTypeIpv4, framed("-N PBR_3_p\n"));
+  writer.commitInPlace([](Acl::AclType) {
+    return Kernel::MangleReadback::OwnPart{{{"TAMBRO_PBR_INTF", {}}, {"PBR_2_p", {}}}, 1};
+  });
+  for (const auto& o : outcomes(2)) {
+    EXPECT_FALSE(o.result.ok);
+    EXPECT_NE(o.result.error.find("the rebuild was refused"), std::string::npos);
+  }
+  EXPECT_EQ(recorder.batches.size(), 1u);
+  EXPECT_NE(writer.written(Acl::aclTypeIpv4).rules("PBR_2_p"), nullptr);
 }
 
 }  // namespace

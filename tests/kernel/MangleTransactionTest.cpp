@@ -37,6 +37,28 @@ TEST(MangleTransactionTest, TheDispatchSetUpAndAPolicyBecomeOneFlushAndTheirChai
                    "-A PBR_1_edge -p tcp -j ACCEPT\n"));
 }
 
+TEST(MangleTransactionTest, InPlaceOnlyWaymarksPartChangesAndTheJumpGoesFirst) {
+  MangleTransaction t;
+  ASSERT_TRUE(t.add(kSetUp));
+  ASSERT_TRUE(
+      t.add(framed("-N PBR_3_edge\n-A TAMBRO_PBR_INTF -i eth1 -j PBR_3_edge\n"
+                   "-A PBR_3_edge -p tcp -j MARK --set-mark 0x2\n")));
+  // The table still holds a stale chain and a jump; no flush of the whole
+  // table, no chain of another tool named.
+  EXPECT_EQ(t.textInPlace({"TAMBRO_PBR_INTF", "PBR_1_edge"}, 1),
+            framed("-D PREROUTING -j TAMBRO_PBR_INTF\n"
+                   "-F PBR_1_edge\n-F TAMBRO_PBR_INTF\n-X PBR_1_edge\n"
+                   "-N PBR_3_edge\n"
+                   "-I PREROUTING 1 -j TAMBRO_PBR_INTF\n"
+                   "-A TAMBRO_PBR_INTF -i eth1 -j PBR_3_edge\n"
+                   "-A PBR_3_edge -p tcp -j MARK --set-mark 0x2\n"));
+  // After a `nft flush ruleset` nothing of waymark's is left to remove.
+  EXPECT_EQ(t.textInPlace({}, 0), framed("-N TAMBRO_PBR_INTF\n-N PBR_3_edge\n"
+                                         "-I PREROUTING 1 -j TAMBRO_PBR_INTF\n"
+                                         "-A TAMBRO_PBR_INTF -i eth1 -j PBR_3_edge\n"
+                                         "-A PBR_3_edge -p tcp -j MARK --set-mark 0x2\n"));
+}
+
 TEST(MangleTransactionTest, ReplacedDeletedAndRebuiltRulesLeaveOnlyTheirLastState) {
   MangleTransaction t;
   t.add(kSetUp);

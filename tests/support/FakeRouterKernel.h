@@ -5,7 +5,11 @@
 // idle requests ask for, can keep the writer busy for a while, as the
 // asynchronous writer is while a transaction is on its way, answers rule
 // counters the test sets, and describes the route lookups it is asked for.
+// A mangle drift the test sets is found at the next comparison; the
+// rebuild's steps are counted.
 #pragma once
+
+#include <utility>
 
 #include "daemon/RouterKernel.h"
 #include "kernel/RestoreIptablesWriter.h"
@@ -30,6 +34,16 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   void rulesWritten(Pbr::NexthopTableManager&) override { ++rulesWrittenCalls; }
   void catchUp(Pbr::AclPlugin&) override { ++catchUps; }
   Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override { return counters[v6]; }
+  void suspectDrift() override { ++driftSuspicions; }
+  double mangleCheckDue() const override { return mangleDrift.empty() ? 1e300 : 0.0; }
+  bool mangleDrifted(double, std::vector<std::string>& out) override {
+    if (mangleDrift.empty()) return false;
+    out.push_back(std::exchange(mangleDrift, ""));
+    return true;
+  }
+  void beginRebuild() override { ++rebuildsBegun; }
+  void commitRebuild() override { ++rebuildsCommitted; }
+  void rebuildDone(const std::string& error) override { rebuildErrors.push_back(error); }
   std::string routeLookup(const Velnet::IpGenAddr& src, const Velnet::IpGenAddr& dst,
                           const std::string& in, uint32_t mark) override {
     return "lookup " + dst.stringValue() + " from " + src.stringValue() + " iif " + in + " mark " +
@@ -48,6 +62,11 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   int nexthopsProgrammedCalls = 0;
   int rulesWrittenCalls = 0;
   int catchUps = 0;
+  std::string mangleDrift;  // what the next comparison finds
+  int driftSuspicions = 0;
+  int rebuildsBegun = 0;
+  int rebuildsCommitted = 0;
+  std::vector<std::string> rebuildErrors;  // one per rebuild written
 
  private:
   bool real_ = false;
