@@ -84,7 +84,9 @@ double Router::sleepTime() const {
   const double health = std::max(0.0, health_.nextDue() - clock_.now());
   // A suspected drift is compared after a grace of a tenth of a second.
   const double drift = kernel_.driftSuspected() ? 0.05 : Vix::kNever;
-  const double mangle = phase_ == StartupPhase::running
+  // A comparison waits for waymark's own work; what ends that work wakes
+  // the loop anyway.
+  const double mangle = phase_ == StartupPhase::running && rebuild_ == Rebuild::none && quiet()
                             ? std::max(0.0, kernel_.mangleCheckDue() - clock_.now())
                             : Vix::kNever;
   return std::min({Vix::activityManager().sleepTime(), health, drift, mangle});
@@ -136,7 +138,7 @@ void Router::keepKernel() {
   }
   // Compared only when nothing is on its way, so that what waymark is
   // writing is not taken for drift.
-  if (gate_.waiting() || !StatusReport::idle(*plugin_) || kernel_.writing()) return;
+  if (!quiet()) return;
   if (resyncRequested_) {
     resyncRequested_ = false;
     beginRebuild("resync");
@@ -180,6 +182,10 @@ void Router::advanceRebuild() {
                                      : "mangle tables could not be rebuilt: " + error);
 }
 
+bool Router::quiet() const {
+  return !gate_.waiting() && StatusReport::idle(*plugin_) && !kernel_.writing();
+}
+
 uint32_t Router::batchesFailed() const {
   uint32_t failed = 0;
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
@@ -221,9 +227,8 @@ std::string Router::reload() {
 }
 
 bool Router::idle() const {
-  return phase_ == StartupPhase::running && !gate_.waiting() && StatusReport::idle(*plugin_) &&
-         !kernel_.writing() && rebuild_ == Rebuild::none && !resyncRequested_ &&
-         !kernel_.driftSuspected() && clock_.now() < kernel_.mangleCheckDue();
+  return phase_ == StartupPhase::running && quiet() && rebuild_ == Rebuild::none &&
+         !resyncRequested_ && !kernel_.driftSuspected() && clock_.now() < kernel_.mangleCheckDue();
 }
 
 void Router::applyTunables(const Tunables& t) {

@@ -109,6 +109,9 @@ class Router {
   void advanceRebuild();
   void beginRebuild(const std::string& cause);
   uint32_t batchesFailed() const;
+  // Nothing of waymark's own is on its way: no configuration waiting, the
+  // plug-in's queues empty, the writer idle.
+  bool quiet() const;
   std::string setTunable(const std::string& name, const std::string& value);
   void applyTunables(const Tunables& t);
   // Records a state change with its time, and logs it.

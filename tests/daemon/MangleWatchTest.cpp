@@ -10,8 +10,8 @@
 #include <atomic>
 #include <chrono>
 #include <map>
-#include <thread>
 #include <string>
+#include <thread>
 
 namespace waymark::test {
 namespace {
@@ -23,8 +23,9 @@ std::string framed(const std::string& lines) { return "*mangle\n" + lines + "COM
 MangleTransaction written() {
   MangleTransaction t;
   t.add(framed("-F\n-X\n-N TAMBRO_PBR_INTF\n-I PREROUTING -j TAMBRO_PBR_INTF\n"));
-  t.add(framed("-N PBR_1_edge\n-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n"
-               "-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n-A PBR_1_edge -p tcp -j ACCEPT\n"));
+  t.add(
+      framed("-N PBR_1_edge\n-A TAMBRO_PBR_INTF -i eth1 -j PBR_1_edge\n"
+             "-A PBR_1_edge -p tcp -j MARK --set-mark 0x2\n-A PBR_1_edge -p tcp -j ACCEPT\n"));
   return t;
 }
 
