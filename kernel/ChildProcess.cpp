@@ -97,7 +97,7 @@ std::string ChildResult::describe(double timeLimit) const {
 }
 
 ChildResult ChildProcess::run(const std::vector<std::string>& argv, const std::string& input,
-                              double timeLimitSeconds) {
+                              double timeLimitSeconds, const std::function<void(int)>& started) {
   ChildResult result;
   Pipe in;
   Pipe out;
@@ -112,6 +112,7 @@ ChildResult ChildProcess::run(const std::vector<std::string>& argv, const std::s
   const std::optional<pid_t> pid = spawn(args, in.read.get(), out.write.get());
   if (!pid) return result;
   Child child(*pid);
+  if (started) started(*pid);
   in.read.reset();
   out.write.reset();
   fcntl(in.write.get(), F_SETFL, O_NONBLOCK);

@@ -7,6 +7,7 @@
 // the result says so.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,9 +27,11 @@ struct ChildResult {
 
 class ChildProcess {
  public:
-  // Runs argv[0] (searched on PATH) with `input` on its standard input.
+  // Runs argv[0] (searched on PATH) with `input` on its standard input;
+  // `started`, when given, learns the child's process id as it starts.
   static ChildResult run(const std::vector<std::string>& argv, const std::string& input,
-                         double timeLimitSeconds);
+                         double timeLimitSeconds,
+                         const std::function<void(int)>& started = nullptr);
 };
 
 }  // namespace Kernel

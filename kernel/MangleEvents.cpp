@@ -1,5 +1,6 @@
 #include "kernel/MangleEvents.h"
 
+#include <arpa/inet.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -8,34 +9,49 @@
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 namespace Kernel {
 
 namespace {
 
 // Tables, chains, rules and sets all carry their table's name as attribute
-// 1; the generation message that closes each transaction carries none.
+// 1; the generation message that closes each transaction carries the
+// committing process's id (big-endian).
 constexpr uint16_t kTableName = 1;
 
-bool aboutMangle(const nlmsghdr& m) {
-  if (NFNL_SUBSYS_ID(m.nlmsg_type) != NFNL_SUBSYS_NFTABLES) return false;
-  if (m.nlmsg_len < NLMSG_LENGTH(sizeof(nfgenmsg))) return false;
-  const auto* header = static_cast<const nfgenmsg*>(NLMSG_DATA(&m));
-  if (header->nfgen_family != NFPROTO_IPV4 && header->nfgen_family != NFPROTO_IPV6) return false;
+bool nftables(const nlmsghdr& m) {
+  return NFNL_SUBSYS_ID(m.nlmsg_type) == NFNL_SUBSYS_NFTABLES &&
+         m.nlmsg_len >= NLMSG_LENGTH(sizeof(nfgenmsg));
+}
+
+// The payload of attribute `type` of an nf_tables message; empty when it
+// has none.
+std::string attribute(const nlmsghdr& m, uint16_t type) {
   const char* data = static_cast<const char*>(NLMSG_DATA(&m)) + NLMSG_ALIGN(sizeof(nfgenmsg));
   const char* end = reinterpret_cast<const char*>(&m) + m.nlmsg_len;
   while (data + NLA_HDRLEN <= end) {
     const auto* a = reinterpret_cast<const nlattr*>(data);
-    if (a->nla_len < NLA_HDRLEN || data + a->nla_len > end) return false;
-    if ((a->nla_type & NLA_TYPE_MASK) == kTableName) {
-      const std::string name(data + NLA_HDRLEN,
-                             strnlen(data + NLA_HDRLEN, a->nla_len - NLA_HDRLEN));
-      return name == "mangle";
+    if (a->nla_len < NLA_HDRLEN || data + a->nla_len > end) return "";
+    if ((a->nla_type & NLA_TYPE_MASK) == type) {
+      return std::string(data + NLA_HDRLEN, a->nla_len - NLA_HDRLEN);
     }
     data += NLA_ALIGN(a->nla_len);
   }
-  return false;
+  return "";
+}
+
+bool aboutMangle(const nlmsghdr& m) {
+  const auto* header = static_cast<const nfgenmsg*>(NLMSG_DATA(&m));
+  if (header->nfgen_family != NFPROTO_IPV4 && header->nfgen_family != NFPROTO_IPV6) return false;
+  return std::strcmp(attribute(m, kTableName).c_str(), "mangle") == 0;
+}
+
+int committer(const nlmsghdr& m) {
+  const std::string pid = attribute(m, NFTA_GEN_PROC_PID);
+  if (pid.size() != sizeof(uint32_t)) return 0;
+  uint32_t value = 0;
+  std::memcpy(&value, pid.data(), sizeof value);
+  return static_cast<int>(ntohl(value));
 }
 
 }  // namespace
@@ -56,23 +72,30 @@ bool MangleEvents::open(std::string* error) {
   return true;
 }
 
-bool MangleEvents::handle() {
+std::vector<int> MangleEvents::handle() {
   std::vector<char> buffer(1 << 16);
-  bool relevant = false;
+  std::vector<int> committers;
   while (true) {
     const ssize_t got = recv(fd_.get(), buffer.data(), buffer.size(), 0);
     if (got < 0) {
       if (errno == EINTR) continue;
       if (errno == ENOBUFS) {
-        relevant = true;
+        committers.push_back(0);
+        pending_ = false;
         continue;
       }
-      return relevant;
+      return committers;
     }
     int length = static_cast<int>(got);
     for (auto* m = reinterpret_cast<const nlmsghdr*>(buffer.data()); NLMSG_OK(m, length);
          m = NLMSG_NEXT(m, length)) {
-      relevant = relevant || aboutMangle(*m);
+      if (!nftables(*m)) continue;
+      if (NFNL_MSG_TYPE(m->nlmsg_type) != NFT_MSG_NEWGEN) {
+        pending_ = pending_ || aboutMangle(*m);
+        continue;
+      }
+      if (pending_) committers.push_back(committer(*m));
+      pending_ = false;
     }
   }
 }

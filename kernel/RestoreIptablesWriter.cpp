@@ -1,5 +1,6 @@
 #include "kernel/RestoreIptablesWriter.h"
 
+#include <algorithm>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -55,13 +56,22 @@ IptablesWriteResult RestoreIptablesWriter::writeNow(Acl::AclType type, const std
   const std::string tool = type == Acl::aclTypeIpv6 ? "ip6tables-restore" : "iptables-restore";
   for (const std::string& part : restoreParts(text)) {
     const Kernel::ChildResult r =
-        Kernel::ChildProcess::run({tool, "--noflush", "-w"}, part, timeLimit_);
+        Kernel::ChildProcess::run({tool, "--noflush", "-w"}, part, timeLimit_, [this](int pid) {
+          const std::lock_guard<std::mutex> lock(mutex_);
+          pids_.push_back(pid);
+          if (pids_.size() > kRemembered) pids_.pop_front();
+        });
     if (r.ok()) continue;
     std::string error = tool + " " + r.describe(timeLimit_);
     if (!r.output.empty()) error += ": " + r.output;
     return {false, error, part};
   }
   return {};
+}
+
+bool RestoreIptablesWriter::started(int pid) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return std::find(pids_.begin(), pids_.end(), pid) != pids_.end();
 }
 
 }  // namespace AclUtils

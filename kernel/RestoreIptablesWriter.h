@@ -3,6 +3,8 @@
 // lanes; tests of the kernel use it directly.
 #pragma once
 
+#include <deque>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -29,9 +31,17 @@ class RestoreIptablesWriter : public IptablesWriter {
   IptablesWriteResult writeNow(Acl::AclType type, const std::string& text);
   // The restores a framed batch is run as, each framed again.
   static std::vector<std::string> restoreParts(const std::string& text);
+  // Whether `pid` is one of the last restores this writer started, so that
+  // the kernel's announcements of their changes are known for waymark's.
+  // May be asked while restores run on other threads.
+  bool started(int pid) const;
 
  private:
+  static constexpr size_t kRemembered = 64;
+
   double timeLimit_;
+  mutable std::mutex mutex_;
+  std::deque<int> pids_;
 };
 
 }  // namespace AclUtils
