@@ -25,7 +25,7 @@ void MangleWatch::suspect(double now) {
 
 double MangleWatch::due() const {
   if (reading_.valid()) return polledAt_ + kPoll;
-  const double periodic = checkedAt_ + kPeriod;
+  const double periodic = checkedAt_ + period_;
   return suspectedAt_ < 0 ? periodic : std::min(periodic, suspectedAt_ + kGrace);
 }
 
@@ -38,6 +38,7 @@ std::optional<std::string> MangleWatch::check(double now, uint64_t writes) {
     // A family with nothing written to compare with is not read.
     const bool known[2] = {written_(false).known(), written_(true).known()};
     reading_ = std::async(std::launch::async, [this, known] {
+      const auto began = std::chrono::steady_clock::now();
       Saved saved;
       for (const bool v6 : {false, true}) {
         if (!known[v6]) continue;
@@ -45,12 +46,15 @@ std::optional<std::string> MangleWatch::check(double now, uint64_t writes) {
         saved.text[v6] = readback_(v6, &error);
         saved.ok[v6] = error.empty();
       }
+      saved.seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
       return saved;
     });
     return std::nullopt;
   }
   if (reading_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return std::nullopt;
   const Saved saved = reading_.get();
+  period_ = std::max(kPeriod, 100.0 * saved.seconds);
   if (writes != writesBefore_) {
     suspect(now);
     return std::nullopt;

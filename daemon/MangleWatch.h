@@ -6,10 +6,12 @@
 // It compares after an announcement that a mangle table changed (after a
 // short grace, so that a burst is read once), and every kPeriod seconds in
 // any case, for changes that are not announced (the legacy iptables back
-// end, a lost announcement). Each comparison reads both tables back once,
-// on a thread of its own: at 100,000 rules a read-back takes a second,
-// which the event loop must not wait for. A comparison that waymark's own
-// writes overtook is dropped and made again.
+// end, a lost announcement); on tables so large that reading them back
+// takes more than a hundredth of that, less often, so that the periodic
+// comparison never costs more than a hundredth of the time. Each comparison
+// reads both tables back once, on a thread of its own: at 100,000 rules a
+// read-back takes a second, which the event loop must not wait for. A
+// comparison that waymark's own writes overtook is dropped and made again.
 //
 // The shape (chains, their rule counts, the jumps) is compared with what
 // the writer's batches leave; the rules' texts, which iptables prints in
@@ -64,6 +66,7 @@ class MangleWatch {
   struct Saved {
     std::string text[2];
     bool ok[2] = {false, false};
+    double seconds = 0.0;  // how long reading back took
   };
 
   std::string compare(const Saved& saved, uint64_t writes);
@@ -74,6 +77,7 @@ class MangleWatch {
   double suspectedAt_ = -1.0;
   double checkedAt_ = 0.0;
   double polledAt_ = 0.0;
+  double period_ = kPeriod;
   std::future<Saved> reading_;
   uint64_t writesBefore_ = 0;
   // The read-back after waymark's last write, per family.
