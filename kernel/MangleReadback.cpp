@@ -12,6 +12,31 @@ const std::string kDispatch = MangleReadback::kDispatchChain;
 
 bool ours(const std::string& chain) { return chain == kDispatch || chain.rfind("PBR_", 0) == 0; }
 
+bool isJump(const std::string& line) { return line == "-A PREROUTING -j " + kDispatch; }
+
+// One line of iptables-save's output: a chain it declares (":NAME ..."),
+// or the chain of a rule ("-A NAME ...").
+struct SavedLine {
+  std::string text;
+  std::string chainDeclared;
+  std::string ruleChain;
+};
+
+template <typename Visit>
+void forEachLine(const std::string& save, const Visit& visit) {
+  std::istringstream in(save);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    std::string first;
+    std::string chain;
+    words >> first >> chain;
+    SavedLine l{line, "", ""};
+    if (first.size() > 1 && first[0] == ':') l.chainDeclared = first.substr(1);
+    if (first == "-A") l.ruleChain = chain;
+    visit(l);
+  }
+}
+
 bool builtIn(const std::string& chain) {
   return chain == "PREROUTING" || chain == "INPUT" || chain == "FORWARD" || chain == "OUTPUT" ||
          chain == "POSTROUTING";
@@ -30,41 +55,28 @@ std::string MangleReadback::save(bool v6, double timeLimit, std::string* error, 
 
 std::vector<std::string> MangleReadback::foreign(const std::string& save) {
   std::vector<std::string> out;
-  std::istringstream in(save);
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream words(line);
-    std::string first;
-    std::string chain;
-    words >> first >> chain;
-    if (first.size() > 1 && first[0] == ':') {
-      const std::string name = first.substr(1);
-      if (!builtIn(name) && !ours(name)) out.push_back("-N " + name);
-    } else if (first == "-A") {
-      if (ours(chain)) continue;
-      if (line == "-A PREROUTING -j " + kDispatch) continue;
-      out.push_back(line);
+  forEachLine(save, [&](const SavedLine& l) {
+    if (!l.chainDeclared.empty()) {
+      if (!builtIn(l.chainDeclared) && !ours(l.chainDeclared))
+        out.push_back("-N " + l.chainDeclared);
+    } else if (!l.ruleChain.empty() && !ours(l.ruleChain) && !isJump(l.text)) {
+      out.push_back(l.text);
     }
-  }
+  });
   return out;
 }
 
 MangleReadback::OwnPart MangleReadback::own(const std::string& save) {
   OwnPart out;
-  std::istringstream in(save);
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream words(line);
-    std::string first;
-    std::string chain;
-    words >> first >> chain;
-    if (first.size() > 1 && first[0] == ':') {
-      const std::string name = first.substr(1);
-      if (ours(name)) out.chains[name];
-    } else if (first == "-A" && ours(chain)) {
-      out.chains[chain].push_back(line.substr(line.find(chain) + chain.size()));
-    } else if (line == "-A PREROUTING -j " + kDispatch) {
+  forEachLine(save, [&](const SavedLine& l) {
+    if (ours(l.chainDeclared)) {
+      out.chains[l.chainDeclared];
+    } else if (ours(l.ruleChain)) {
+      out.chains[l.ruleChain].push_back(l.text.substr(3 + l.ruleChain.size()));
+    } else if (isJump(l.text)) {
       ++out.jumps;
     }
-  }
+  });
   return out;
 }
 
