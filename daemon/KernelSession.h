@@ -65,6 +65,7 @@ class KernelSession : public RouterKernel {
   void resumeDriftRepair() override { drift_.resume(); }
   void suspectDrift() override { drift_.suspect(); }
   double mangleCheckDue() const override { return mangleWatch_.due(); }
+  bool mangleSuspected() const override { return mangleWatch_.suspected(); }
   bool mangleDrifted(double now, std::vector<std::string>& out) override;
   void beginRebuild() override { asyncWriter_.hold(); }
   void commitRebuild() override;

@@ -32,6 +32,7 @@ double MangleWatch::due() const {
 std::optional<std::string> MangleWatch::check(double now, uint64_t writes) {
   polledAt_ = now;
   if (!reading_.valid()) {
+    readingSuspected_ = suspectedAt_ >= 0;
     suspectedAt_ = -1.0;
     checkedAt_ = now;
     writesBefore_ = writes;
@@ -54,6 +55,7 @@ std::optional<std::string> MangleWatch::check(double now, uint64_t writes) {
   }
   if (reading_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return std::nullopt;
   const Saved saved = reading_.get();
+  readingSuspected_ = false;
   period_ = std::max(kPeriod, 100.0 * saved.seconds);
   if (writes != writesBefore_) {
     suspect(now);

@@ -50,6 +50,8 @@ class MangleWatch {
   void suspect(double now);
   // When check() should next be called.
   double due() const;
+  // A change was announced and its comparison is not done yet.
+  bool suspected() const { return suspectedAt_ >= 0 || readingSuspected_; }
   // Starts a comparison, or finishes the one on its way: what differs
   // ("" when nothing does) once it is done, nothing before. `writes`
   // counts the writer's writes: a comparison they overtook is made again,
@@ -79,6 +81,7 @@ class MangleWatch {
   double polledAt_ = 0.0;
   double period_ = kPeriod;
   std::future<Saved> reading_;
+  bool readingSuspected_ = false;  // the read-back on its way follows a change
   uint64_t writesBefore_ = 0;
   // The read-back after waymark's last write, per family.
   Kernel::MangleReadback::OwnPart reference_[2];

@@ -228,7 +228,7 @@ std::string Router::reload() {
 
 bool Router::idle() const {
   return phase_ == StartupPhase::running && quiet() && rebuild_ == Rebuild::none &&
-         !resyncRequested_ && !kernel_.driftSuspected() && clock_.now() < kernel_.mangleCheckDue();
+         !resyncRequested_ && !kernel_.driftSuspected() && !kernel_.mangleSuspected();
 }
 
 void Router::applyTunables(const Tunables& t) {

@@ -77,6 +77,8 @@ class RouterKernel {
   virtual void suspectDrift() {}
   // When the mangle tables are next compared with what waymark wrote.
   virtual double mangleCheckDue() const { return 1e300; }
+  // Something changed them and the comparison is not done yet.
+  virtual bool mangleSuspected() const { return false; }
   // Compares them; true (with `out` saying why) when they must be rebuilt.
   // REQUIRES: nothing is being written.
   virtual bool mangleDrifted(double /*now*/, std::vector<std::string>& /*out*/) { return false; }

@@ -111,7 +111,11 @@ TEST_F(MangleWatchTest, ComparesAGraceAfterAnAnnouncementAndPeriodically) {
   // A burst of announcements is read once, a grace after the first.
   watch.suspect(101.05);
   EXPECT_DOUBLE_EQ(watch.due(), 101.0 + Waymark::MangleWatch::kGrace);
+  // Until its comparison is done, a change counts as work on its way; a
+  // periodic comparison does not.
+  EXPECT_TRUE(watch.suspected());
   compared(101.1, 1);
+  EXPECT_FALSE(watch.suspected());
   EXPECT_DOUBLE_EQ(watch.due(), 101.1 + Waymark::MangleWatch::kPeriod);
 }
 

@@ -36,6 +36,7 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override { return counters[v6]; }
   void suspectDrift() override { ++driftSuspicions; }
   double mangleCheckDue() const override { return mangleDrift.empty() ? 1e300 : 0.0; }
+  bool mangleSuspected() const override { return !mangleDrift.empty(); }
   bool mangleDrifted(double, std::vector<std::string>& out) override {
     if (mangleDrift.empty()) return false;
     out.push_back(std::exchange(mangleDrift, ""));
