@@ -86,7 +86,7 @@ std::vector<int> MangleEvents::handle() {
       }
       return committers;
     }
-    int length = static_cast<int>(got);
+    ssize_t length = got;
     for (auto* m = reinterpret_cast<const nlmsghdr*>(buffer.data()); NLMSG_OK(m, length);
          m = NLMSG_NEXT(m, length)) {
       if (!nftables(*m)) continue;
