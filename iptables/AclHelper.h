@@ -14,6 +14,7 @@
 #include "framework/String.h"
 #include "iptables/AclData.h"
 #include "iptables/AclTypeData.h"
+#include "kernel/MangleReadback.h"
 #include "nexthop/NexthopTableManager.h"
 #include "policymap/IptablesManager.h"
 #include "policymap/PolicyMapAclHelper.h"
@@ -22,7 +23,7 @@ namespace Pbr::Iptables {
 
 class AclHelper : public PolicyMap::PolicyMapAclHelper {
  public:
-  static constexpr const char* kDispatchChain = "TAMBRO_PBR_INTF";
+  static constexpr const char* kDispatchChain = Kernel::MangleReadback::kDispatchChain;
 
   explicit AclHelper(const Vix::Ptr<NexthopTableManager>& nexthopTableManager);
 
