@@ -4,6 +4,7 @@
 #include <set>
 #include <utility>
 
+#include "daemon/ShadowIndex.h"
 #include "framework/String.h"
 
 namespace Waymark {
@@ -38,50 +39,45 @@ size_t lineOf(const Map& lines, const Key& key) {
 }
 
 struct SubRule {
-  std::string className;
-  std::string list;
+  const std::string* className;
+  const std::string* list;
   const Acl::AclRuleConfig* rule;
-  uint8_t flags;
 };
 
 void shadowed(const ConfigModel& model, const std::string& policy,
               const std::vector<PolicyClassSpec>& classes, std::vector<std::string>& out) {
-  std::vector<SubRule> earlier;
+  ShadowIndex index;
+  std::vector<SubRule> seen;
   for (const auto& c : classes) {
     const auto lists = model.classMaps.find(c.className);
     if (lists == model.classMaps.end()) continue;
     size_t rules = 0;
     size_t dead = 0;
     std::string coveringClass;
-    std::vector<SubRule> mine;
     for (const auto& listName : lists->second) {
       const auto& list = model.accessLists.at(listName);
       for (const auto& [seq, rule] : list.rules) {
         ++rules;
         // Each sub-rule must be covered by some earlier one; the last cover
         // found names the rule in the warning.
-        std::optional<SubRule> cover;
+        std::optional<size_t> cover;
         for (const auto& flags : rule.subRuleFlags()) {
-          std::optional<SubRule> found;
-          for (const auto* side : {&earlier, &mine}) {
-            for (const auto& e : *side) {
-              if (!found && ConfigLinter::covers(*e.rule, e.flags, rule, flags.value())) found = e;
-            }
-          }
-          cover = found;
-          if (!found) break;
+          cover = index.firstCover(rule, flags.value());
+          if (!cover) break;
         }
         for (const auto& flags : rule.subRuleFlags()) {
-          mine.push_back({c.className, listName, &rule, flags.value()});
+          index.add(rule, flags.value(), seen.size());
+          seen.push_back({&c.className, &listName, &rule});
         }
         if (!cover) continue;
         ++dead;
-        if (cover->className != c.className) coveringClass = cover->className;
+        const SubRule& by = seen[*cover];
+        if (*by.className != c.className) coveringClass = *by.className;
         out.push_back(at(model, lineOf(model.lines.rules, std::make_pair(listName, seq))) +
                       "rule " + Vix::quoted(rule.text()) + " of list " + Vix::quoted(listName) +
                       " can never match in policy " + Vix::quoted(policy) + ": rule " +
-                      Vix::quoted(cover->rule->text()) + " of list " + Vix::quoted(cover->list) +
-                      " (class " + Vix::quoted(cover->className) + ") takes its traffic first");
+                      Vix::quoted(by.rule->text()) + " of list " + Vix::quoted(*by.list) +
+                      " (class " + Vix::quoted(*by.className) + ") takes its traffic first");
       }
     }
     if (rules != 0 && dead == rules && !coveringClass.empty()) {
@@ -90,7 +86,6 @@ void shadowed(const ConfigModel& model, const std::string& policy,
           "class " + Vix::quoted(c.className) + " can never match in policy " +
           Vix::quoted(policy) + ": earlier classes take all its traffic");
     }
-    for (auto& m : mine) earlier.push_back(std::move(m));
   }
 }
 
