@@ -1,6 +1,7 @@
 #include "daemon/ControlServer.h"
 
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,6 +15,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "framework/Clock.h"
 #include "kernel/FileDescriptor.h"
 
 namespace Waymark {
@@ -83,12 +85,16 @@ std::optional<uid_t> refusedPeer(int fd) {
 
 nlohmann::json errorReply(const std::string& error) { return {{"ok", false}, {"error", error}}; }
 
+constexpr uint64_t kListenerId = 0;
+const std::string kTooSlow = "request too slow or too large";
+
 }  // namespace
 
+ControlServer::ControlServer(Handler handler, const Vix::TimeSource& clock)
+    : handler_(std::move(handler)), clock_(clock) {}
+
 ControlServer::~ControlServer() {
-  if (fd_ < 0) return;
-  close(fd_);
-  unlink(path_.c_str());
+  if (listener_.valid()) unlink(path_.c_str());
 }
 
 bool ControlServer::listen(const std::string& path, std::string* error) {
@@ -101,11 +107,17 @@ bool ControlServer::listen(const std::string& path, std::string* error) {
   const std::filesystem::path p(path);
   if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path(), ec);
   unlink(path.c_str());
-  fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  listener_ = Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  poll_ = Fd(epoll_create1(EPOLL_CLOEXEC));
   const mode_t old = umask(0177);
-  const bool bound = fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  const bool bound = listener_.valid() &&
+                     bind(listener_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   umask(old);
-  if (!bound || ::listen(fd_, 16) != 0) {
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = kListenerId;
+  if (!bound || ::listen(listener_.get(), 64) != 0 || !poll_.valid() ||
+      epoll_ctl(poll_.get(), EPOLL_CTL_ADD, listener_.get(), &ev) != 0) {
     *error = "control socket " + path + ": " + std::strerror(errno);
     return false;
   }
@@ -122,34 +134,136 @@ bool ControlServer::serving(const std::string& path) {
 }
 
 void ControlServer::handle() {
-  while (true) {
-    const Fd client(accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC));
-    if (client.get() < 0) return;
-    serve(client.get());
+  epoll_event events[16];
+  const int n = epoll_wait(poll_.get(), events, 16, 0);
+  for (int i = 0; i < n; ++i) {
+    const uint64_t id = events[i].data.u64;
+    if (id == kListenerId) {
+      accept();
+      continue;
+    }
+    const auto it = clients_.find(id);
+    if (it == clients_.end()) continue;
+    Client& c = it->second;
+    if (c.stage == Stage::reading) {
+      read(id, c);
+    } else if (c.stage == Stage::writing) {
+      write(id, c);
+    } else {
+      // Gone while its answer is being made.
+      drop(id);
+    }
+  }
+  const double now = clock_.now();
+  for (auto it = clients_.begin(); it != clients_.end();) {
+    const auto next = std::next(it);
+    Client& c = it->second;
+    if (now >= c.deadline) {
+      if (c.stage == Stage::reading) {
+        // Told why once, if it listens; never waited for.
+        const std::string text = errorReply(kTooSlow).dump() + "\n";
+        [[maybe_unused]] const ssize_t n =
+            send(c.fd.get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      }
+      drop(it->first);
+    }
+    it = next;
   }
 }
 
-void ControlServer::serve(int client) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(kClientTimeLimitMs);
-  if (const auto uid = refusedPeer(client)) {
-    writeAll(client, errorReply("permission denied for uid " + std::to_string(*uid)).dump() + "\n",
-             deadline);
-    return;
+double ControlServer::sleepTime() const {
+  double next = Vix::kNever;
+  for (const auto& [id, c] : clients_) next = std::min(next, c.deadline);
+  return next == Vix::kNever ? next : std::max(0.0, next - clock_.now());
+}
+
+void ControlServer::accept() {
+  while (true) {
+    Fd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!fd.valid()) return;
+    // Beyond the limit a connection is closed at once: the clients already
+    // being served keep their turns.
+    if (clients_.size() >= kConnectionLimit) continue;
+    const uint64_t id = nextId_++;
+    Client& c = clients_[id];
+    c.fd = std::move(fd);
+    epoll_event ev{};
+    ev.data.u64 = id;
+    epoll_ctl(poll_.get(), EPOLL_CTL_ADD, c.fd.get(), &ev);
+    if (const auto uid = refusedPeer(c.fd.get())) {
+      answer(id, errorReply("permission denied for uid " + std::to_string(*uid)));
+    } else {
+      enter(id, c, Stage::reading, kRequestTimeLimit);
+    }
   }
-  const auto request = readMessage(client, kRequestLimit, deadline);
-  if (!request) {
-    writeAll(client, errorReply("request too slow or too large").dump() + "\n", deadline);
-    return;
+}
+
+void ControlServer::read(uint64_t id, Client& c) {
+  char buffer[4096];
+  bool ended = false;
+  while (true) {
+    const ssize_t n = ::read(c.fd.get(), buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+    if (n <= 0) {
+      ended = true;
+      break;
+    }
+    c.text.append(buffer, static_cast<size_t>(n));
+    if (c.text.size() > kRequestLimit) {
+      answer(id, errorReply(kTooSlow));
+      return;
+    }
   }
-  nlohmann::json reply;
+  if (!ended && (c.text.empty() || c.text.back() != '\n')) return;
+  nlohmann::json request;
   try {
-    reply = handler_(nlohmann::json::parse(*request));
+    request = nlohmann::json::parse(c.text);
   } catch (const nlohmann::json::exception& e) {
-    reply = errorReply(std::string("bad request: ") + e.what());
+    answer(id, errorReply(std::string("bad request: ") + e.what()));
+    return;
   }
-  // The reply gets its own time: a status at scale is large.
-  writeAll(client, reply.dump() + "\n",
-           Clock::now() + std::chrono::milliseconds(kClientTimeLimitMs));
+  enter(id, c, Stage::answering, kAnswerTimeLimit);
+  handler_(request, [this, id](const nlohmann::json& reply) { answer(id, reply); });
+}
+
+void ControlServer::answer(uint64_t id, const nlohmann::json& reply) {
+  const auto it = clients_.find(id);
+  if (it == clients_.end()) return;
+  Client& c = it->second;
+  // Kernel strings may hold anything: a reply is always valid UTF-8.
+  c.text = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  c.sent = 0;
+  enter(id, c, Stage::writing, kReplyTimeLimit);
+  write(id, c);
+}
+
+void ControlServer::write(uint64_t id, Client& c) {
+  while (c.sent < c.text.size()) {
+    const ssize_t n =
+        send(c.fd.get(), c.text.data() + c.sent, c.text.size() - c.sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    if (n <= 0) break;
+    c.sent += static_cast<size_t>(n);
+  }
+  drop(id);
+}
+
+void ControlServer::enter(uint64_t id, Client& c, Stage stage, double timeLimit) {
+  c.stage = stage;
+  c.deadline = clock_.now() + timeLimit;
+  epoll_event ev{};
+  ev.events = stage == Stage::reading ? EPOLLIN : stage == Stage::writing ? EPOLLOUT : 0u;
+  ev.data.u64 = id;
+  epoll_ctl(poll_.get(), EPOLL_CTL_MOD, c.fd.get(), &ev);
+}
+
+void ControlServer::drop(uint64_t id) {
+  const auto it = clients_.find(id);
+  if (it == clients_.end()) return;
+  epoll_ctl(poll_.get(), EPOLL_CTL_DEL, it->second.fd.get(), nullptr);
+  clients_.erase(it);
 }
 
 nlohmann::json controlRequest(const std::string& path, const nlohmann::json& request) {

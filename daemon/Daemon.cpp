@@ -183,7 +183,10 @@ bool Daemon::start(std::string* error) {
   router_->start(std::move(model_));
 
   control_ = std::make_unique<ControlServer>(
-      [this](const nlohmann::json& request) { return handleRequest(request); });
+      [this](const nlohmann::json& request, const ControlServer::Reply& reply) {
+        reply(handleRequest(request));
+      },
+      clock_);
   if (!control_->listen(options_.socket, error) || !watch(mask, error)) return false;
   if (!options_.metricsListen.empty()) {
     try {
@@ -229,6 +232,7 @@ void Daemon::loop() {
   int timeout = 0;
   while (!stop_) {
     serve(timeout);
+    control_->handle();
     router_->turn();
     // A dry run shows one start: it ends when the start would be idle.
     if (options_.dryRun && router_->idle()) break;
@@ -238,7 +242,7 @@ void Daemon::loop() {
       notifier_.status(phaseName(router_->phase()));
     }
     refreshMetrics();
-    double sleep = router_->sleepTime();
+    double sleep = std::min(router_->sleepTime(), control_->sleepTime());
     // The endpoint's metrics age by the refresh period at most, even when
     // nothing else wakes the loop.
     if (metrics_ && (sleep == Vix::kNever || sleep > kMetricsPeriod)) sleep = kMetricsPeriod;

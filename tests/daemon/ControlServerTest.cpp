@@ -2,6 +2,8 @@
 // the daemon by what a client sends, or fails to send.
 #include "daemon/ControlServer.h"
 
+#include "framework/Clock.h"
+
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -10,9 +12,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace Waymark {
 namespace {
@@ -38,17 +42,34 @@ class ControlServerTest : public ::testing::Test {
   static void sendText(int fd, const std::string& text) {
     ASSERT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
   }
-  static nlohmann::json replyOf(int fd) {
+  // Serves until the client's reply is complete (the server closes it).
+  nlohmann::json replyOf(int fd) {
     std::string text;
     char buffer[4096];
-    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, n);
+    while (true) {
+      server.handle();
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, 10) != 1) continue;
+      const ssize_t n = read(fd, buffer, sizeof buffer);
+      if (n <= 0) break;
+      text.append(buffer, n);
+    }
     return nlohmann::json::parse(text);
   }
 
   const std::string path = "/tmp/waymark-control-test-" + std::to_string(getpid()) + ".sock";
-  ControlServer server{[](const nlohmann::json& request) {
-    return nlohmann::json{{"ok", true}, {"got", request}};
-  }};
+  Vix::VirtualTimeSource clock;
+  // Requests that ask for it are answered later, through `later`.
+  std::vector<ControlServer::Reply> later;
+  ControlServer server{[this](const nlohmann::json& request,
+                              const ControlServer::Reply& reply) {
+                         if (request.value("later", false)) {
+                           later.push_back(reply);
+                           return;
+                         }
+                         reply({{"ok", true}, {"got", request}});
+                       },
+                       clock};
   std::vector<int> clients;
 };
 
@@ -86,28 +107,67 @@ TEST_F(ControlServerTest, AHalfClosedRequestIsServed) {
 
 TEST_F(ControlServerTest, AnOversizedRequestIsRefused) {
   const int fd = connectClient();
-  std::thread writer([fd] {
+  std::atomic<bool> done = false;
+  std::thread writer([fd, &done] {
     const std::string chunk(64 * 1024, 'x');
     for (size_t sent = 0; sent <= ControlServer::kRequestLimit;) {
       const ssize_t n = send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL);
-      if (n <= 0) return;
+      if (n <= 0) break;
       sent += static_cast<size_t>(n);
     }
+    done = true;
   });
-  server.handle();
+  while (!done) server.handle();
   writer.join();
   shutdown(fd, SHUT_WR);
   EXPECT_EQ(replyOf(fd)["error"], "request too slow or too large");
 }
 
-TEST_F(ControlServerTest, ASilentClientIsDroppedAndTheServerGoesOn) {
+TEST_F(ControlServerTest, ASilentOrSlowClientHoldsNobodyAndIsDroppedAtItsDeadline) {
   const int silent = connectClient();
+  const int slow = connectClient();
+  sendText(slow, R"({"command": )");
   const int next = connectClient();
   sendText(next, R"({"command": "status"})"
                  "\n");
-  server.handle();
-  EXPECT_EQ(replyOf(silent)["error"], "request too slow or too large");
   EXPECT_EQ(replyOf(next)["got"]["command"], "status");
+  EXPECT_EQ(server.connections(), 2u);
+  EXPECT_DOUBLE_EQ(server.sleepTime(), ControlServer::kRequestTimeLimit);
+  sendText(slow, R"("idle"})"
+                 "\n");
+  EXPECT_EQ(replyOf(slow)["got"]["command"], "idle");
+  clock.advance(ControlServer::kRequestTimeLimit);
+  EXPECT_EQ(replyOf(silent)["error"], "request too slow or too large");
+  EXPECT_EQ(server.connections(), 0u);
+  EXPECT_EQ(server.sleepTime(), Vix::kNever);
+}
+
+TEST_F(ControlServerTest, AnAnswerGivenLaterReachesItsClientOnly) {
+  const int first = connectClient();
+  sendText(first, R"({"command": "counters", "later": true})"
+                  "\n");
+  const int gone = connectClient();
+  sendText(gone, R"({"command": "counters", "later": true})"
+                 "\n");
+  while (later.size() < 2) server.handle();
+  close(gone);
+  clients.pop_back();
+  server.handle();
+  later[1]({{"ok", true}, {"n", 2}});
+  later[0]({{"ok", true}, {"n", 1}});
+  EXPECT_EQ(replyOf(first)["n"], 1);
+  EXPECT_EQ(server.connections(), 0u);
+}
+
+TEST_F(ControlServerTest, ConnectionsBeyondTheLimitAreClosedAtOnce) {
+  for (size_t i = 0; i < ControlServer::kConnectionLimit; ++i) connectClient();
+  const int extra = connectClient();
+  server.handle();
+  char byte;
+  pollfd p{extra, POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 5000), 1);
+  EXPECT_EQ(read(extra, &byte, 1), 0);
+  EXPECT_EQ(server.connections(), ControlServer::kConnectionLimit);
 }
 
 TEST_F(ControlServerTest, AClientGoneBeforeItsReplyDoesNotHurtTheServer) {
@@ -142,11 +202,8 @@ TEST_F(ControlServerTest, AnotherUserIsRefusedWhateverTheSocketsMode) {
       _exit(3);
     }
   }
-  pollfd p{server.fd(), POLLIN, 0};
-  ASSERT_EQ(poll(&p, 1, 5000), 1);
-  server.handle();
   int status = 0;
-  waitpid(child, &status, 0);
+  while (waitpid(child, &status, WNOHANG) == 0) server.handle();
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
