@@ -20,7 +20,7 @@ struct Tunables {
   double nexthopProgrammingTimeLimit = Pbr::NexthopTableManager::nexthopProgrammingTimeLimitDefault;
   uint32_t rulesPerInvocation = Pbr::Iptables::AclTypeData::rulesPerInvocationDefault;
   double ruleProgrammingTimeLimit = Pbr::Iptables::AclTypeData::ruleProgrammingTimeLimitDefault;
-  CommandExecutor commandExecutor = CommandExecutor::shell;
+  CommandExecutor commandExecutor = CommandExecutor::netlink;
 
   // Every tunable's name.
   static const std::vector<std::string>& names();

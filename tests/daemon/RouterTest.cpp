@@ -77,7 +77,7 @@ TEST_F(RouterTest, TheStatusDescribesTheRouterItself) {
   EXPECT_EQ(s["version"], WAYMARK_VERSION);
   EXPECT_GE(s["uptime"].get<double>(), 5.0);
   EXPECT_EQ(s["daemon"]["config"], configFile);
-  EXPECT_EQ(s["daemon"]["commandExecutor"], "shell");
+  EXPECT_EQ(s["daemon"]["commandExecutor"], "netlink");
   EXPECT_EQ(s["interfaces"]["eth1"], nlohmann::json::array({"192.0.2.254/24", "2001:db8::fe/64"}));
   EXPECT_TRUE(s["daemon"]["writerIdle"]);
 }
@@ -139,10 +139,10 @@ TEST_F(RouterTest, AnAcceptedReloadAppliesOnlyTheDifference) {
 
 TEST_F(RouterTest, SetChangesOneTunableAndRefusesWhatIsOutOfRange) {
   started();
-  auto reply = ask({{"command", "set"}, {"tunable", "command-executor"}, {"value", "netlink"}});
+  auto reply = ask({{"command", "set"}, {"tunable", "command-executor"}, {"value", "shell"}});
   EXPECT_TRUE(reply["ok"]) << reply;
-  EXPECT_EQ(status()["daemon"]["commandExecutor"], "netlink");
-  EXPECT_EQ(kernel.executors.back(), Waymark::CommandExecutor::netlink);
+  EXPECT_EQ(status()["daemon"]["commandExecutor"], "shell");
+  EXPECT_EQ(kernel.executors.back(), Waymark::CommandExecutor::shell);
 
   reply = ask({{"command", "set"}, {"tunable", "rules-per-invocation"}, {"value", "0"}});
   EXPECT_FALSE(reply["ok"]);

@@ -12,7 +12,7 @@ TEST(TunablesTest, DefaultsAreThePluginsOwn) {
   EXPECT_EQ(t.nexthopProgrammingTimeLimit, 0.5);
   EXPECT_EQ(t.rulesPerInvocation, 300u);
   EXPECT_EQ(t.ruleProgrammingTimeLimit, 0.5);
-  EXPECT_EQ(t.commandExecutor, CommandExecutor::shell);
+  EXPECT_EQ(t.commandExecutor, CommandExecutor::netlink);
 }
 
 TEST(TunablesTest, AValueOutOfRangeChangesNothingAndSaysWhy) {
@@ -26,9 +26,9 @@ TEST(TunablesTest, AValueOutOfRangeChangesNothingAndSaysWhy) {
   EXPECT_NE(t.assign("speed", "11").find("unknown tunable 'speed'"), std::string::npos);
   EXPECT_EQ(t, Tunables());
   EXPECT_EQ(t.assign("rule-programming-time-limit", "0"), "");
-  EXPECT_EQ(t.assign("command-executor", "netlink"), "");
+  EXPECT_EQ(t.assign("command-executor", "shell"), "");
   EXPECT_EQ(t.ruleProgrammingTimeLimit, 0.0);
-  EXPECT_EQ(t.commandExecutor, CommandExecutor::netlink);
+  EXPECT_EQ(t.commandExecutor, CommandExecutor::shell);
 }
 
 }  // namespace
