@@ -184,7 +184,7 @@ bool Daemon::start(std::string* error) {
 
   control_ = std::make_unique<ControlServer>(
       [this](const nlohmann::json& request, const ControlServer::Reply& reply) {
-        reply(handleRequest(request));
+        handleRequest(request, reply);
       },
       clock_);
   if (!control_->listen(options_.socket, error) || !watch(mask, error)) return false;
@@ -210,7 +210,8 @@ bool Daemon::watch(const sigset_t& signals, std::string* error) {
     *error = std::string("event loop: ") + std::strerror(errno);
     return false;
   }
-  std::vector<int> fds = {signals_, timer_, netlink_->fd(), control_->fd()};
+  std::vector<int> fds = {signals_, timer_, netlink_->fd(), control_->fd(),
+                         router_->backgroundFd()};
   if (session_) {
     fds.push_back(session_->writerFd());
     if (session_->routingEventsFd() >= 0) fds.push_back(session_->routingEventsFd());
@@ -242,6 +243,7 @@ void Daemon::loop() {
       notifier_.status(phaseName(router_->phase()));
     }
     refreshMetrics();
+    router_->loopPassTook(clock_.now() - passBegan_);
     double sleep = std::min(router_->sleepTime(), control_->sleepTime());
     // The endpoint's metrics age by the refresh period at most, even when
     // nothing else wakes the loop.
@@ -259,6 +261,7 @@ void Daemon::loop() {
 void Daemon::serve(int timeout) {
   epoll_event events[8];
   const int n = epoll_wait(epoll_, events, 8, timeout);
+  passBegan_ = clock_.now();
   for (int i = 0; i < n; ++i) {
     const int fd = events[i].data.fd;
     if (fd == timer_) {
@@ -298,28 +301,38 @@ bool Daemon::isProberFd(int fd) const {
 
 void Daemon::refreshMetrics() {
   if (!metrics_ || clock_.now() - metricsPublishedAt_ < kMetricsPeriod) return;
-  metrics_->publish(router_->metrics());
+  // The next refresh is timed from this one's start; the counters are read
+  // back off the loop meanwhile.
   metricsPublishedAt_ = clock_.now();
+  router_->metrics([metrics = metrics_](std::vector<prometheus::MetricFamily> families) {
+    metrics->publish(std::move(families));
+  });
 }
 
 void Daemon::reload() {
   notifier_.reloading();
-  router_->reload();
-  notifier_.reloaded();
+  router_->reload([this](const std::string&) { notifier_.reloaded(); });
 }
 
-nlohmann::json Daemon::handleRequest(const nlohmann::json& request) {
+void Daemon::handleRequest(const nlohmann::json& request, const ControlServer::Reply& reply) {
   const std::string command = request.value("command", "");
   // Address changes the kernel has reported count as work not yet done.
   if (command == "idle") netlink_->handleEvents();
-  if (command == "reload") notifier_.reloading();
-  nlohmann::json reply = router_->handle(request);
-  if (command == "reload") notifier_.reloaded();
-  if (command == "status") {
-    reply["daemon"]["netlinkRedumps"] = netlink_->redumps();
-    reply["daemon"]["dryRun"] = options_.dryRun;
+  if (command == "reload") {
+    notifier_.reloading();
+    router_->handle(request, [this, reply](const nlohmann::json& answer) {
+      notifier_.reloaded();
+      reply(answer);
+    });
+    return;
   }
-  return reply;
+  router_->handle(request, [this, reply, command](nlohmann::json answer) {
+    if (command == "status") {
+      answer["daemon"]["netlinkRedumps"] = netlink_->redumps();
+      answer["daemon"]["dryRun"] = options_.dryRun;
+    }
+    reply(answer);
+  });
 }
 
 }  // namespace Waymark

@@ -86,7 +86,7 @@ class Daemon {
   // what is ready: signals, netlink events, control requests, the kernel
   // session's reports.
   void serve(int timeout);
-  nlohmann::json handleRequest(const nlohmann::json& request);
+  void handleRequest(const nlohmann::json& request, const ControlServer::Reply& reply);
   // Loads the file again (SIGHUP), telling the service manager.
   void reload();
   // Whether `fd` is one of the health-check prober's sockets.
@@ -110,6 +110,8 @@ class Daemon {
   std::unique_ptr<prometheus::Exposer> exposer_;
   SystemdNotifier notifier_;
   double metricsPublishedAt_ = -1e9;
+  // When the loop's current pass stopped waiting.
+  double passBegan_ = 0;
   int epoll_ = -1;
   int timer_ = -1;
   int signals_ = -1;

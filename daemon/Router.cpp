@@ -1,6 +1,7 @@
 #include "daemon/Router.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <ctime>
 #include <map>
@@ -47,26 +48,43 @@ Router::Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string c
 void Router::startPlugin() {
   plugin_ = Pbr::aclPluginFactory("waymark");
   plugin_->init(Vix::make<Acl::PluginContext>(
-      store_, &kernel_.runner(model_.tunables.commandExecutor), &kernel_.writer()));
+      store_, &kernel_.runner(tunables_.commandExecutor), &kernel_.writer()));
 }
 
 void Router::start(ConfigModel model) {
-  model_ = std::move(model);
-  configWarnings_ = ConfigLinter::warnings(model_);
-  for (const auto& warning : configWarnings_) event("config-warning", warning);
-  gate_.prepare(model_);
+  model_ = std::make_shared<const ConfigModel>(std::move(model));
+  tunables_ = model_->tunables;
+  gate_.prepare(*model_);
   startPlugin();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());
-  kernel_.adopt(*plugin_->nexthopTableManager(), ConfigGate::nexthopsNamed(model_));
-  applyTunables(model_.tunables);
-  gate_.begin(plugin_->nexthopTableManager(), model_);
+  kernel_.adopt(*plugin_->nexthopTableManager(), ConfigGate::nexthopsNamed(*model_));
+  applyTunables(tunables_);
+  gate_.begin(plugin_->nexthopTableManager(), *model_);
   configureHealthChecks();
+  // Steering first: the warnings are found while the start programs.
+  lint();
+}
+
+void Router::lint(std::function<void()> done) {
+  const uint64_t id = ++lints_;
+  linting_ = true;
+  background_.post([this, id, model = model_, done = std::move(done)]() -> BackgroundWork::Done {
+    auto warnings = ConfigLinter::warnings(*model);
+    return [this, id, warnings = std::move(warnings), done]() {
+      if (id == lints_) {
+        linting_ = false;
+        configWarnings_ = warnings;
+        for (const auto& warning : configWarnings_) event("config-warning", warning);
+      }
+      if (done) done();
+    };
+  });
 }
 
 void Router::configureHealthChecks() {
   std::map<Velnet::IpGenAddr, HealthCheckSpec> checks;
-  for (const auto& nexthop : ConfigGate::checkedNexthops(model_)) {
-    checks.emplace(nexthop, model_.healthChecks.at(nexthop));
+  for (const auto& nexthop : ConfigGate::checkedNexthops(*model_)) {
+    checks.emplace(nexthop, model_->healthChecks.at(nexthop));
   }
   health_.configure(checks, clock_.now());
 }
@@ -98,18 +116,17 @@ void Router::probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from) {
 }
 
 void Router::turn() {
-  const double began = clock_.now();
   // One timer per turn: each is bounded by its own time slice, and the
   // loop serves its sockets between them.
   Vix::activityManager().runDue(1);
+  background_.finish();
   health_.run(clock_.now());
   takeVerdicts();
-  gate_.applyWhenQuiet(model_, health_.down());
+  gate_.applyWhenQuiet(*model_, health_.down());
   advanceStartup();
   kernel_.reserveNumbers(*plugin_->nexthopTableManager());
   if (phase_ == StartupPhase::running) keepKernel();
   noticeChanges();
-  longestTurn_ = std::max(longestTurn_, clock_.now() - began);
 }
 
 void Router::advanceStartup() {
@@ -204,26 +221,42 @@ void Router::resync() {
         "resync asked: waymark's mangle tables are rebuilt, its rules and routes compared");
 }
 
-std::string Router::reload() {
+void Router::reload(Reloaded done) {
   ++reloads_;
-  try {
-    model_ = ConfigLoader::loadFile(configPath_);
-  } catch (const ConfigError& e) {
+  // The file is read and checked off the loop; the loop applies it.
+  background_.post([this, path = configPath_, done = std::move(done)]() -> BackgroundWork::Done {
+    auto model = std::make_shared<ConfigModel>();
+    std::string error;
+    try {
+      *model = ConfigLoader::loadFile(path);
+    } catch (const ConfigError& e) {
+      error = e.what();
+    }
+    return [this, model, error, done]() { applyReload(model, error, done); };
+  });
+}
+
+void Router::applyReload(const std::shared_ptr<ConfigModel>& model, const std::string& error,
+                         const Reloaded& done) {
+  if (!error.empty()) {
     ++reloadsFailed_;
-    lastReloadError_ = e.what();
+    lastReloadError_ = error;
     event("reload-refused", "reload refused, nothing changed: " + lastReloadError_);
-    return lastReloadError_;
+    if (done) done(lastReloadError_);
+    return;
   }
-  applyTunables(model_.tunables);
+  model_ = model;
+  tunables_ = model_->tunables;
+  applyTunables(tunables_);
   configureHealthChecks();
   kernel_.resumeDriftRepair();
   gate_.requestApply();
-  gate_.applyWhenQuiet(model_, health_.down());
+  gate_.applyWhenQuiet(*model_, health_.down());
   lastReloadError_.clear();
   event("reload", "reloaded " + configPath_);
-  configWarnings_ = ConfigLinter::warnings(model_);
-  for (const auto& warning : configWarnings_) event("config-warning", warning);
-  return "";
+  lint([done] {
+    if (done) done("");
+  });
 }
 
 bool Router::idle() const {
@@ -243,10 +276,10 @@ void Router::applyTunables(const Tunables& t) {
 }
 
 std::string Router::setTunable(const std::string& name, const std::string& value) {
-  Tunables t = model_.tunables;
+  Tunables t = tunables_;
   const std::string error = t.assign(name, value);
   if (!error.empty()) return error;
-  model_.tunables = t;
+  tunables_ = t;
   applyTunables(t);
   return "";
 }
@@ -525,41 +558,76 @@ nlohmann::json Router::explain(const nlohmann::json& request) {
   return out;
 }
 
-std::vector<prometheus::MetricFamily> Router::metrics() const {
-  return MetricsSnapshot::build(status(), classCounters());
+void Router::metrics(std::function<void(std::vector<prometheus::MetricFamily>)> done) {
+  classCounters([this, done = std::move(done)](nlohmann::json counters) {
+    done(MetricsSnapshot::build(status(), counters));
+  });
 }
 
-nlohmann::json Router::classCounters() const {
-  nlohmann::json classes = nlohmann::json::array();
+namespace {
+
+// Where one policy's classes sit in its family's chain, taken on the loop
+// so that the read-back off it needs nothing of the plug-in.
+struct ChainClasses {
+  std::string policy;
+  const char* family;
+  std::string chain;
+  std::vector<std::pair<uint32_t, std::string>> positions;  // rule position, class
+  std::vector<std::string> classes;                        // in order, those with rules
+};
+
+// A class's traffic is what the first rule of each of its pairs saw: the
+// pairs before it accepted what they matched.
+void addCounters(const ChainClasses& c, const Kernel::MangleReadback::RuleCounters& counters,
+                 nlohmann::json& out) {
+  std::map<std::string, Kernel::MangleReadback::Counter> perClass;
+  const auto chain = counters.find(c.chain);
+  for (const auto& [position, name] : c.positions) {
+    if (chain == counters.end() || position == 0 || position > chain->second.size()) continue;
+    auto& sum = perClass[name];
+    sum.packets += chain->second[position - 1].packets;
+    sum.bytes += chain->second[position - 1].bytes;
+  }
+  for (const auto& name : c.classes) {
+    const auto& sum = perClass[name];
+    out.push_back({{"policy", c.policy},
+                   {"family", c.family},
+                   {"class", name},
+                   {"packets", sum.packets},
+                   {"bytes", sum.bytes}});
+  }
+}
+
+}  // namespace
+
+void Router::classCounters(std::function<void(nlohmann::json)> done) {
+  std::array<std::vector<ChainClasses>, 2> perFamily;
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
     const auto typeData = plugin_->aclHelper()->aclTypeData(option);
     if (!typeData) continue;
-    const auto counters = kernel_.ruleCounters(option == PolicyMap::matchIpv6);
     for (const auto& sm : plugin_->pbrAclPluginSm()->policyMapSms()) {
       const auto acl = typeData->acl(sm->key());
       if (!sm->programmed(option) || !acl) continue;
-      // A class's traffic is what the first rule of each of its pairs saw:
-      // the pairs before it accepted what they matched.
-      std::map<std::string, Kernel::MangleReadback::Counter> perClass;
-      const auto chain = counters.find(acl->chainName());
+      ChainClasses c{sm->key().name(), PolicyMap::familyName(option), acl->chainName(), {}, {}};
       acl->ruleIndexes().forEach([&](const Pbr::Iptables::SubRuleKey& key, uint32_t position) {
-        if (chain == counters.end() || position == 0 || position > chain->second.size()) return;
-        auto& sum = perClass[key.aclRuleKey().className()];
-        sum.packets += chain->second[position - 1].packets;
-        sum.bytes += chain->second[position - 1].bytes;
+        c.positions.emplace_back(position, key.aclRuleKey().className());
       });
-      for (const auto& c : sm->classes()) {
-        if (c->subRules(sm->key(), option).empty()) continue;
-        const auto& sum = perClass[c->name()];
-        classes.push_back({{"policy", sm->key().name()},
-                           {"family", PolicyMap::familyName(option)},
-                           {"class", c->name()},
-                           {"packets", sum.packets},
-                           {"bytes", sum.bytes}});
+      for (const auto& cls : sm->classes()) {
+        if (!cls->subRules(sm->key(), option).empty()) c.classes.push_back(cls->name());
       }
+      perFamily[option == PolicyMap::matchIpv6].push_back(std::move(c));
     }
   }
-  return {{"classes", classes}};
+  background_.post([this, perFamily = std::move(perFamily), done = std::move(done)]() {
+    nlohmann::json classes = nlohmann::json::array();
+    for (const bool v6 : {false, true}) {
+      if (perFamily[v6].empty()) continue;
+      const auto counters = kernel_.ruleCounters(v6);
+      for (const auto& c : perFamily[v6]) addCounters(c, counters, classes);
+    }
+    return BackgroundWork::Done(
+        [classes = std::move(classes), done]() { done({{"classes", classes}}); });
+  });
 }
 
 nlohmann::json Router::status() const {
@@ -571,6 +639,7 @@ nlohmann::json Router::status() const {
   nlohmann::json warnings = configWarnings_;
   for (const auto& w : runTimeWarnings(status)) warnings.push_back(w);
   status["warnings"] = warnings;
+  status["warningsPending"] = linting_;
   for (auto& nexthop : status["nexthops"]) {
     const auto address = Velnet::IpGenAddr::parse(nexthop["address"].get<std::string>());
     const std::string intf = linkOf(address).interface;
@@ -591,7 +660,7 @@ nlohmann::json Router::status() const {
       {"reloadsFailed", reloadsFailed_},
       {"lastReloadError", lastReloadError_},
       {"commandExecutor",
-       model_.tunables.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
+       tunables_.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
       {"startingUp", phase_ != StartupPhase::running},
       {"configWaiting", gate_.waiting()},
       {"writerIdle", !kernel_.writing()},
@@ -618,13 +687,33 @@ void Router::describeHealth(nlohmann::json& nexthop) const {
       {"rttMs", view->rttMs ? nlohmann::json(*view->rttMs) : nlohmann::json()}};
 }
 
-nlohmann::json Router::handle(const nlohmann::json& request) {
+void Router::handle(const nlohmann::json& request, const Reply& reply) {
+  const std::string command = request.value("command", "");
+  if (command == "reload") {
+    reload([this, reply](const std::string& error) {
+      reply({{"ok", error.empty()}, {"error", error}, {"warnings", configWarnings_}});
+    });
+    return;
+  }
+  if (command == "metrics") {
+    metrics([reply](const std::vector<prometheus::MetricFamily>& families) {
+      reply({{"text", MetricsSnapshot::text(families)}});
+    });
+    return;
+  }
+  if (command == "counters") {
+    classCounters([this, reply](nlohmann::json counters) {
+      counters["counters"] = StatusReport::build(*plugin_)["counters"];
+      reply(counters);
+    });
+    return;
+  }
+  reply(answer(request));
+}
+
+nlohmann::json Router::answer(const nlohmann::json& request) {
   const std::string command = request.value("command", "");
   if (command == "status") return status();
-  if (command == "reload") {
-    const std::string error = reload();
-    return {{"ok", error.empty()}, {"error", error}};
-  }
   if (command == "set") {
     const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
     return {{"ok", error.empty()}, {"error", error}};
@@ -634,13 +723,7 @@ nlohmann::json Router::handle(const nlohmann::json& request) {
     resync();
     return {{"ok", true}, {"error", ""}};
   }
-  if (command == "metrics") return {{"text", MetricsSnapshot::text(metrics())}};
   if (command == "explain") return explain(request);
-  if (command == "counters") {
-    nlohmann::json reply = classCounters();
-    reply["counters"] = StatusReport::build(*plugin_)["counters"];
-    return reply;
-  }
   if (command == "idle") {
     // What the kernel has already reported counts as work not yet done:
     // take it in first, so that a change made just before asking is seen.

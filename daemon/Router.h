@@ -22,6 +22,7 @@
 // transaction per family.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -36,6 +37,7 @@
 #include <prometheus/metric_family.h>
 #include <nlohmann/json.hpp>
 
+#include "daemon/BackgroundWork.h"
 #include "daemon/ConfigApplier.h"
 #include "daemon/ConfigGate.h"
 #include "daemon/ConfigModel.h"
@@ -72,13 +74,26 @@ class Router {
   // Seconds the loop may sleep before turn() has work: 0 when it has some
   // now, kNever when nothing is timed.
   double sleepTime() const;
+  // One pass of the event loop took `seconds` (the loop's own work, not its
+  // waiting): the longest is in the status and the metrics.
+  void loopPassTook(double seconds) { longestTurn_ = std::max(longestTurn_, seconds); }
   // An echo answer came in for the health checks.
   void probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from);
 
-  // Answers a control request.
-  nlohmann::json handle(const nlohmann::json& request);
-  // Loads the file again and applies the difference; "" or why not.
-  std::string reload();
+  // Answers a control request through `reply`, at once or, for work that
+  // grows with the configuration (reload, counters, metrics), once the
+  // background thread has done it.
+  using Reply = std::function<void(const nlohmann::json& reply)>;
+  void handle(const nlohmann::json& request, const Reply& reply);
+  // Reads the file again off the loop, applies the difference and then
+  // finds its warnings; `done` gets "" or why not, with the warnings.
+  using Reloaded = std::function<void(const std::string& error)>;
+  void reload(Reloaded done = {});
+  // Readable when background work has finished; turn() takes it in.
+  int backgroundFd() const { return background_.fd(); }
+  // Waits for the background work posted so far and takes it in (tests, and
+  // answers that must not be left half-made).
+  void drainBackground() { background_.drain(); }
   // Rebuilds the mangle tables from the current configuration and compares
   // the rules and routes again; it is done when the router is idle.
   void resync();
@@ -86,11 +101,13 @@ class Router {
   bool idle() const;
   nlohmann::json status() const;
 
-  // The metrics of this moment, the classes' traffic read from the kernel.
-  std::vector<prometheus::MetricFamily> metrics() const;
+  // The metrics of this moment with the classes' traffic read from the
+  // kernel, handed to `done` on the loop's thread.
+  void metrics(std::function<void(std::vector<prometheus::MetricFamily>)> done);
 
   StartupPhase phase() const { return phase_; }
-  const ConfigModel& model() const { return model_; }
+  const ConfigModel& model() const { return *model_; }
+  const Tunables& tunables() const { return tunables_; }
   InterfaceStatusSync& interfaces() { return interfaces_; }
   const Vix::Ptr<Stordb::EntityManager>& store() const { return store_; }
   const Vix::Ptr<Pbr::Config>& pbrConfig() const { return pbrConfig_; }
@@ -103,6 +120,10 @@ class Router {
 
  private:
   void advanceStartup();
+  // The synchronous control requests.
+  nlohmann::json answer(const nlohmann::json& request);
+  void applyReload(const std::shared_ptr<ConfigModel>& model, const std::string& error,
+                   const Reloaded& done);
   // Compares the kernel with what waymark programmed and repairs it.
   void keepKernel();
   // A mangle rebuild's steps: programmed again (held), then written.
@@ -126,9 +147,13 @@ class Router {
   // Which policy, class and rule take the packet a request describes, and
   // where the kernel then sends it.
   nlohmann::json explain(const nlohmann::json& request);
-  // Each class's traffic, from the kernel's counters of its rules:
-  // {"classes": [{policy, family, class, packets, bytes}]}.
-  nlohmann::json classCounters() const;
+  // Each class's traffic, from the kernel's counters of its rules, read
+  // back off the loop: {"classes": [{policy, family, class, packets,
+  // bytes}]}.
+  void classCounters(std::function<void(nlohmann::json)> done);
+  // Finds the warnings of the model in use off the loop; a newer model's
+  // search supersedes it. `done` runs once they are in.
+  void lint(std::function<void()> done = {});
   // Each interface's addresses as the router knows them: IPv4 primary
   // first, then secondaries, then IPv6.
   nlohmann::json addresses() const;
@@ -145,7 +170,11 @@ class Router {
   RouterKernel& kernel_;
   const Vix::TimeSource& clock_;
   const std::string configPath_;
-  ConfigModel model_;
+  // Shared with the background thread, which reads it; never changed, only
+  // replaced.
+  std::shared_ptr<const ConfigModel> model_ = std::make_shared<const ConfigModel>();
+  // The model's tunables as `set` has changed them since.
+  Tunables tunables_;
   Vix::Ptr<Stordb::EntityManager> store_ = Vix::make<Stordb::EntityManager>();
   Vix::Ptr<Pbr::Config> pbrConfig_ = Vix::make<Pbr::Config>();
   Vix::Ptr<Acl::Config> aclConfig_ = Vix::make<Acl::Config>();
@@ -191,6 +220,9 @@ class Router {
       activity_{};
   std::set<std::string> warned_;
   std::vector<std::string> configWarnings_;
+  uint64_t lints_ = 0;  // searches started; the latest one's result counts
+  bool linting_ = false;
+  BackgroundWork background_;
 };
 
 }  // namespace Waymark

@@ -68,7 +68,7 @@ class RouterHealthTest : public PbrSystemTest {
   }
   std::vector<std::string> events(const std::string& kind) {
     std::vector<std::string> out;
-    const auto reply = router.handle({{"command", "events"}});
+    const auto reply = ask({{"command", "events"}});
     for (const auto& e : reply["events"]) {
       if (e["kind"] == kind) out.push_back(e["text"]);
     }
@@ -107,7 +107,7 @@ TEST_F(RouterHealthTest, ASilentNexthopLeavesItsClassesKeepsItsTableAndComesBack
                                       "policy edge class dns: nexthop none -> 192.0.2.1",
                                       "policy edge class web: nexthop 192.0.2.1 -> 192.0.2.9",
                                       "policy edge class dns: nexthop 192.0.2.1 -> none"}));
-  EXPECT_NE(router.handle({{"command", "metrics"}})["text"].get<std::string>().find(
+  EXPECT_NE(ask({{"command", "metrics"}})["text"].get<std::string>().find(
                 "waymark_nexthop_up{nexthop=\"192.0.2.1\"} 0"),
             std::string::npos);
 
@@ -132,7 +132,7 @@ TEST_F(RouterHealthTest, AReloadWithoutTheCheckPutsTheNexthopBackAndLetsItGo) {
   std::string text = kConfig;
   text.erase(0, text.find("access-lists:"));
   writeConfig(text);
-  ASSERT_EQ(router.reload(), "");
+  ASSERT_EQ(reload(), "");
   ASSERT_TRUE(runUntilIdle());
   EXPECT_EQ(inUse("web"), "192.0.2.1");
   EXPECT_EQ(nexthopStatus("192.0.2.1")["health"], "not checked");
@@ -141,7 +141,7 @@ TEST_F(RouterHealthTest, AReloadWithoutTheCheckPutsTheNexthopBackAndLetsItGo) {
   text.replace(text.find("[192.0.2.1, 192.0.2.9]"), 22, "[192.0.2.9]");
   text.replace(text.find("[192.0.2.1]"), 11, "[192.0.2.9]");
   writeConfig(text);
-  ASSERT_EQ(router.reload(), "");
+  ASSERT_EQ(reload(), "");
   ASSERT_TRUE(runUntilIdle());
   EXPECT_FALSE(manager().programmed(IpGenAddr::parse("192.0.2.1")));
   const size_t probes = kernel.probes.sent.size();
@@ -152,7 +152,7 @@ TEST_F(RouterHealthTest, AReloadWithoutTheCheckPutsTheNexthopBackAndLetsItGo) {
 TEST_F(RouterHealthTest, ExplainSaysWhenAClassesNexthopIsDownByItsCheck) {
   started();
   run(3.0, false);
-  const auto reply = router.handle({{"command", "explain"},
+  const auto reply = ask({{"command", "explain"},
                                     {"in", "eth1"},
                                     {"proto", "udp"},
                                     {"src", "10.0.0.1"},

@@ -25,7 +25,6 @@ interfaces:
 class RouterTest : public PbrSystemTest {
  protected:
   RouterTest() { address("eth1", "192.0.2.254/24"); }
-  nlohmann::json ask(const nlohmann::json& request) { return router.handle(request); }
   nlohmann::json status() { return ask({{"command", "status"}}); }
   // Starts with kConfig and runs until idle, forgetting what the start wrote.
   void started() {
@@ -194,7 +193,7 @@ TEST_F(RouterTest, EventsTellWhatChangedAndWhyAndGoToTheLog) {
   address("eth1", "");
   ASSERT_TRUE(runUntilIdle());
   writeConfig("nonsense: 1\n");
-  router.reload();
+  reload();
   std::vector<std::string> texts;
   const auto reply = ask({{"command", "events"}});
   for (const auto& e : reply["events"]) {

@@ -64,6 +64,22 @@ class PbrSystem {
     router.start(Waymark::ConfigLoader::loadFile(configFile));
     plugin = &router.plugin();
   }
+  // Asks the router as a control client would, waiting for work it does in
+  // the background (warnings, counters, a reload's file) first and after.
+  nlohmann::json ask(const nlohmann::json& request) {
+    router.drainBackground();
+    nlohmann::json reply;
+    router.handle(request, [&reply](const nlohmann::json& r) { reply = r; });
+    router.drainBackground();
+    return reply;
+  }
+  // Reloads the file; "" or why not.
+  std::string reload() {
+    std::string error = "no answer";
+    router.reload([&error](const std::string& e) { error = e; });
+    router.drainBackground();
+    return error;
+  }
   void writeConfig(const std::string& text) const {
     std::FILE* f = std::fopen(configFile.c_str(), "w");
     std::fputs(text.c_str(), f);

@@ -1,0 +1,153 @@
+#!/usr/bin/env bash
+# The growth gate: every cost that grows with the configuration is measured
+# at N and at 4N sub-rules in one run, and fails when the ratio shows more
+# than linear growth. Linear gives about 4x (less, with fixed costs), n log n
+# a little more, quadratic 16x; the bound is 6x. No absolute time is judged,
+# so a slow or busy machine slows both sizes alike. Each time is the best of
+# three, which keeps a scheduling hiccup out of the ratio.
+#
+# Measured: `waymarkd --check` (varied rule shapes, so that the warnings'
+# search meets prefixes, ranges and flags), a start to idle in a private
+# namespace, `status --json` and `counters --json` of the running daemon,
+# and a reload that changes one rule's port, to idle.
+# Usage: tests/e2e/growth_e2e.sh BUILD [N]   N sub-rules, default 2500
+# Ends with "N passed, N failed".
+set -uo pipefail
+BUILD=${1:-build}
+N=${2:-2500}
+BOUND=6
+WAYMARKD=$BUILD/daemon/waymarkd
+WAYMARKCTL=$BUILD/cli/waymarkctl
+LAB=wmgrowth$$
+NS=$LAB-router
+RUN=/run/waymark-growth-$$
+source "$(dirname "$0")/../../examples/scale-lab.sh"
+source "$(dirname "$0")/checks.sh"
+require_namespaces "growth gate"
+DAEMON=
+cleanup() {
+  [ -n "$DAEMON" ] && kill "$DAEMON" 2>/dev/null && wait "$DAEMON" 2>/dev/null
+  ip netns del "$NS" 2>/dev/null
+  rm -rf "$RUN"
+}
+trap cleanup EXIT
+mkdir -p "$RUN"
+
+now() { date +%s.%N; }
+# Seconds COMMAND takes, the best of three runs.
+best_of_three() {
+  local best="" t0 t i
+  for i in 1 2 3; do
+    t0=$(now)
+    "$@" >/dev/null 2>&1
+    t=$(awk -v a="$t0" -v b="$(now)" 'BEGIN {printf "%.4f", b - a}')
+    if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN {exit !(t < b)}'; then best=$t; fi
+  done
+  echo "$best"
+}
+# Judges one operation's times at N and 4N.
+judge() {  # WHAT SMALL LARGE
+  local ratio verdict
+  ratio=$(awk -v s="$2" -v l="$3" 'BEGIN {printf "%.2f", l / (s > 0.0001 ? s : 0.0001)}')
+  verdict=$(awk -v r="$ratio" -v b="$BOUND" 'BEGIN {print (r <= b ? "linear" : "superlinear")}')
+  echo "   $1: ${2}s at $N, ${3}s at $((4 * N)): ${ratio}x"
+  check "$1 grows at most ${BOUND}x from $N to $((4 * N)) sub-rules" "$verdict" linear
+}
+
+# S sub-rules in one policy, of shapes a large configuration has: hosts and
+# prefixes, single ports, lists and ranges, TCP flags, both families.
+generate_varied() {  # S FILE
+  local s=$1 per=50 classes c r k fam
+  classes=$((s / per))
+  {
+    echo "access-lists:"
+    for c in $(seq 0 $((classes - 1))); do
+      fam=$((c % 2))
+      echo "  l$c:"
+      [ $fam = 1 ] && echo "    ipv6: true"
+      echo "    rules:"
+      for r in $(seq 0 $((per - 1))); do
+        k=$((c * per + r))
+        if [ $fam = 0 ]; then
+          case $((r % 4)) in
+            0) echo "      - permit tcp any host 198.51.$((k / 250 % 250)).$((k % 250 + 1)) eq $((1024 + k % 60000))" ;;
+            1) echo "      - permit udp 203.0.$((k % 250)).0/24 any range $((1024 + k % 50000)) $((1030 + k % 50000))" ;;
+            2) echo "      - permit tcp 192.0.$((k % 250)).0/24 eq 80 443 any syn" ;;
+            *) echo "      - permit icmp host 192.0.2.$((k % 250 + 1)) 10.$((k / 65536 % 250)).$((k / 256 % 256)).$((k % 256))/32" ;;
+          esac
+        else
+          echo "      - permit tcp any 2001:db8:$(printf %x $((k % 65000))):$(printf %x $((k / 65000)))::/64 gt $((k % 60000))"
+        fi
+      done
+    done
+    echo "class-maps:"
+    for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
+    echo "policy-maps:"
+    echo "  p0:"
+    for c in $(seq 0 $((classes - 1))); do
+      echo "    - class: c$c"
+      [ $((c % 2)) = 0 ] && echo "      nexthops: [198.51.100.2]" || echo "      nexthops: ['2001:db8:1::2']"
+    done
+    echo "interfaces:"
+    echo "  in0: p0"
+  } > "$2"
+}
+
+ctl() { "$WAYMARKCTL" --socket "$RUN/s.sock" "$@"; }
+start_daemon() {  # CONFIG
+  ip netns exec "$NS" "$WAYMARKD" --config "$1" --socket "$RUN/s.sock" \
+    --state "$RUN/state.json" --trace-level 0 >"$RUN/d.log" 2>&1 &
+  DAEMON=$!
+  ctl wait-idle --timeout 600 >/dev/null
+}
+stop_daemon() { kill "$DAEMON"; wait "$DAEMON" 2>/dev/null; DAEMON=; }
+# A start from an empty namespace to idle.
+fresh_start() {  # CONFIG
+  [ -n "$DAEMON" ] && stop_daemon
+  rm -f "$RUN"/state.json*
+  scale_namespace "$NS"
+  local t0
+  t0=$(now)
+  start_daemon "$1"
+  awk -v a="$t0" -v b="$(now)" 'BEGIN {printf "%.4f", b - a}'
+}
+# The first rule's port changed (1000 to 65000 and back), reloaded, to idle.
+one_rule_reload() {  # CONFIG
+  if grep -q 'eq 1000$' "$1"; then
+    sed -i '0,/eq 1000$/s//eq 65000/' "$1"
+  else
+    sed -i '0,/eq 65000$/s//eq 1000/' "$1"
+  fi
+  ctl reload >/dev/null && ctl wait-idle --timeout 600 >/dev/null
+}
+best_start() {  # CONFIG
+  local best="" t i
+  for i in 1 2 3; do
+    t=$(fresh_start "$1")
+    if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN {exit !(t < b)}'; then best=$t; fi
+  done
+  echo "$best"
+}
+
+declare -A at
+for size in "$N" $((4 * N)); do
+  generate_varied "$((10 * size))" "$RUN/varied$size.yaml"
+  generate_one_policy "$size" 20 $((size / 50)) "$RUN/c$size.yaml"
+  sed -i '/command-executor/d; /^tunables:/d' "$RUN/c$size.yaml"
+  at[check$size]=$(best_of_three "$WAYMARKD" --check --config "$RUN/varied$size.yaml")
+  at[start$size]=$(best_start "$RUN/c$size.yaml")
+  at[status$size]=$(best_of_three ctl status --json)
+  at[counters$size]=$(best_of_three ctl counters --json)
+  at[reload$size]=$(best_of_three one_rule_reload "$RUN/c$size.yaml")
+  check "the daemon at $size sub-rules wrote every rule" \
+    "$(ip netns exec "$NS" sh -c 'iptables -t mangle -S; ip6tables -t mangle -S' | grep -c '^-A PBR_')" $((2 * size))
+  stop_daemon
+done
+
+echo "== growth from $N to $((4 * N)) sub-rules (check: $((10 * N)) to $((40 * N)))"
+judge "waymarkd --check" "${at[check$N]}" "${at[check$((4 * N))]}"
+judge "start to idle" "${at[start$N]}" "${at[start$((4 * N))]}"
+judge "status --json" "${at[status$N]}" "${at[status$((4 * N))]}"
+judge "counters --json" "${at[counters$N]}" "${at[counters$((4 * N))]}"
+judge "one-rule reload to idle" "${at[reload$N]}" "${at[reload$((4 * N))]}"
+finish
