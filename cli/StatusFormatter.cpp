@@ -119,7 +119,16 @@ std::string StatusFormatter::classTraffic(const nlohmann::json& reply) {
 std::string StatusFormatter::all(const nlohmann::json& status) {
   const std::string drift =
       status.contains("drift") ? "drift: " + status["drift"].get<std::string>() + "\n" : "";
-  return policies(status) + "\n" + nexthops(status) + "\n" + drift +
+  const auto startup = status.value("startup", nlohmann::json::object());
+  const std::string phase = startup.value("phase", "running");
+  const std::string starting =
+      phase == "running" ? ""
+                         : "starting: " + phase +
+                               (startup.contains("rulesWaiting")
+                                    ? " (" + text(startup["rulesWaiting"]) + " rule operations waiting)"
+                                    : "") +
+                               "\n";
+  return policies(status) + "\n" + nexthops(status) + "\n" + drift + starting +
          (status.at("idle").get<bool>() ? "idle: all kernel work done\n"
                                         : "busy: kernel work pending\n");
 }

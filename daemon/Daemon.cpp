@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -12,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 #include "daemon/ConfigLinter.h"
 #include "daemon/ConfigLoader.h"
@@ -117,13 +120,13 @@ int Daemon::run() {
   // A child or a client that goes away early must cost an error, not the
   // daemon.
   signal(SIGPIPE, SIG_IGN);
-  try {
-    model_ = ConfigLoader::loadFile(options_.config);
-  } catch (const ConfigError& e) {
-    std::fprintf(stderr, "%s\n", e.what());
-    if (!options_.cleanup) return 1;
-  }
   if (options_.check) {
+    try {
+      model_ = ConfigLoader::loadFile(options_.config);
+    } catch (const ConfigError& e) {
+      std::fprintf(stderr, "%s\n", e.what());
+      return kExitFailed;
+    }
     for (const auto& warning : ConfigLinter::warnings(model_)) std::printf("%s\n", warning.c_str());
     std::printf("%s: ok (%zu access lists, %zu classes, %zu policies, %zu interfaces)\n",
                 options_.config.c_str(), model_.accessLists.size(), model_.classMaps.size(),
@@ -144,7 +147,7 @@ int Daemon::run() {
     return 0;
   }
   if (!start(&error)) {
-    log(error);
+    if (!error.empty()) log(error);
     return startFailure_;
   }
   loop();
@@ -162,6 +165,16 @@ bool Daemon::start(std::string* error) {
   for (const int s : {SIGHUP, SIGTERM, SIGINT}) sigaddset(&mask, s);
   sigprocmask(SIG_BLOCK, &mask, nullptr);
   Cell::cellIdIs(options_.cellId);
+  // The socket answers from the first moment: first that the configuration
+  // is being read, then what the router does.
+  control_ = std::make_unique<ControlServer>(
+      [this](const nlohmann::json& request, const ControlServer::Reply& reply) {
+        handleRequest(request, reply);
+      },
+      clock_);
+  if (!control_->listen(options_.socket, error) || !watch(mask, error)) return false;
+  if (!readConfiguration(error)) return false;
+  if (stop_) return true;
 
   RouterKernel* kernel = nullptr;
   if (options_.dryRun) {
@@ -181,13 +194,7 @@ bool Daemon::start(std::string* error) {
     return false;
   }
   router_->start(std::move(model_));
-
-  control_ = std::make_unique<ControlServer>(
-      [this](const nlohmann::json& request, const ControlServer::Reply& reply) {
-        handleRequest(request, reply);
-      },
-      clock_);
-  if (!control_->listen(options_.socket, error) || !watch(mask, error)) return false;
+  watchKernel();
   if (!options_.metricsListen.empty()) {
     try {
       metrics_ = std::make_shared<MetricsSnapshot>();
@@ -202,6 +209,17 @@ bool Daemon::start(std::string* error) {
   return true;
 }
 
+namespace {
+
+void watchFd(int epoll, int fd) {
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.fd = fd;
+  epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &ev);
+}
+
+}  // namespace
+
 bool Daemon::watch(const sigset_t& signals, std::string* error) {
   signals_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
   timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
@@ -210,21 +228,98 @@ bool Daemon::watch(const sigset_t& signals, std::string* error) {
     *error = std::string("event loop: ") + std::strerror(errno);
     return false;
   }
-  std::vector<int> fds = {signals_, timer_, netlink_->fd(), control_->fd(),
-                         router_->backgroundFd()};
+  for (const int fd : {signals_, timer_, control_->fd()}) watchFd(epoll_, fd);
+  return true;
+}
+
+namespace {
+
+// The configuration file read on a thread of its own, which owns what it
+// writes: a stop does not wait for it, since a file that blocks (a FIFO, a
+// hung network file system) must not hold the daemon.
+class ConfigRead {
+ public:
+  explicit ConfigRead(const std::string& path) : state_(std::make_shared<State>()) {
+    state_->wake = Kernel::FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    std::thread([state = state_, path] {
+      ConfigModel model;
+      std::string error;
+      try {
+        model = ConfigLoader::loadFile(path);
+      } catch (const ConfigError& e) {
+        error = e.what();
+      }
+      const std::lock_guard<std::mutex> lock(state->mutex);
+      state->model = std::move(model);
+      state->error = std::move(error);
+      state->done = true;
+      const uint64_t one = 1;
+      [[maybe_unused]] const ssize_t n = write(state->wake.get(), &one, sizeof one);
+    }).detach();
+  }
+  int fd() const { return state_->wake.get(); }
+  bool done() const {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->done;
+  }
+  // REQUIRES: done().
+  const std::string& error() const { return state_->error; }
+  ConfigModel take() { return std::move(state_->model); }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    Kernel::FileDescriptor wake;
+    bool done = false;
+    ConfigModel model;
+    std::string error;
+  };
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace
+
+bool Daemon::readConfiguration(std::string* error) {
+  notifier_.status("reading configuration");
+  ConfigRead read(options_.config);
+  watchFd(epoll_, read.fd());
+  while (!read.done() && !stop_) serveWhileReading();
+  epoll_ctl(epoll_, EPOLL_CTL_DEL, read.fd(), nullptr);
+  if (stop_) return true;
+  if (!read.error().empty()) {
+    std::fprintf(stderr, "%s\n", read.error().c_str());
+    error->clear();
+    return false;
+  }
+  model_ = read.take();
+  return true;
+}
+
+void Daemon::serveWhileReading() {
+  const double sleep = control_->sleepTime();
+  const int timeout = sleep == Vix::kNever ? -1 : static_cast<int>(std::ceil(sleep * 1000));
+  epoll_event events[8];
+  const int n = epoll_wait(epoll_, events, 8, timeout);
+  for (int i = 0; i < n; ++i) {
+    if (events[i].data.fd != signals_) continue;
+    signalfd_siginfo info{};
+    while (read(signals_, &info, sizeof info) == sizeof info) {
+      // A reload asked for now reads the file being read anyway.
+      if (info.ssi_signo != SIGHUP) stop_ = true;
+    }
+  }
+  control_->handle();
+}
+
+void Daemon::watchKernel() {
+  std::vector<int> fds = {netlink_->fd(), router_->backgroundFd()};
   if (session_) {
     fds.push_back(session_->writerFd());
     if (session_->routingEventsFd() >= 0) fds.push_back(session_->routingEventsFd());
     if (session_->mangleEventsFd() >= 0) fds.push_back(session_->mangleEventsFd());
     for (const int fd : session_->proberFds()) fds.push_back(fd);
   }
-  for (const int fd : fds) {
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.fd = fd;
-    epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &ev);
-  }
-  return true;
+  for (const int fd : fds) watchFd(epoll_, fd);
 }
 
 void Daemon::loop() {
@@ -314,8 +409,29 @@ void Daemon::reload() {
   router_->reload([this](const std::string&) { notifier_.reloaded(); });
 }
 
+nlohmann::json Daemon::readingStatus() const {
+  return {{"policies", nlohmann::json::array()},
+          {"nexthops", nlohmann::json::array()},
+          {"queues", {{"ipv4", 0}, {"ipv6", 0}, {"nexthopsPending", 0}}},
+          {"counters", nlohmann::json::object()},
+          {"warnings", nlohmann::json::array()},
+          {"idle", false},
+          {"startup", {{"phase", "reading configuration"}}},
+          {"daemon", {{"config", options_.config}, {"startingUp", true}}}};
+}
+
 void Daemon::handleRequest(const nlohmann::json& request, const ControlServer::Reply& reply) {
   const std::string command = request.value("command", "");
+  if (!router_) {
+    if (command == "status") {
+      reply(readingStatus());
+    } else if (command == "idle") {
+      reply({{"idle", false}});
+    } else {
+      reply({{"ok", false}, {"error", "waymarkd is reading its configuration"}});
+    }
+    return;
+  }
   // Address changes the kernel has reported count as work not yet done.
   if (command == "idle") netlink_->handleEvents();
   if (command == "reload") {

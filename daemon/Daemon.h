@@ -79,8 +79,17 @@ class Daemon {
 
  private:
   bool start(std::string* error);
-  // Opens the loop's own descriptors and waits on them and the others.
+  // Opens the loop's own descriptors and waits on them and the control
+  // socket's.
   bool watch(const sigset_t& signals, std::string* error);
+  // Reads the configuration on a thread of its own while the control socket
+  // answers that it is being read, and a stop is still heard; false when the
+  // file is refused (said on standard error).
+  bool readConfiguration(std::string* error);
+  void serveWhileReading();
+  nlohmann::json readingStatus() const;
+  // Waits on the kernel's and the router's descriptors too.
+  void watchKernel();
   void loop();
   // Waits at most `timeout` ms (-1: until something happens) and handles
   // what is ready: signals, netlink events, control requests, the kernel

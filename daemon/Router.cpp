@@ -649,9 +649,11 @@ nlohmann::json Router::status() const {
   const auto& manager = *plugin_->nexthopTableManager();
   uint32_t programmed = 0;
   manager.programmedSet().forEach([&](const auto&, bool p) { programmed += p ? 1 : 0; });
+  const auto& queues = status["queues"];
   status["startup"] = {{"phase", phaseName(phase_)},
                        {"nexthopsProgrammed", programmed},
-                       {"nexthopsPending", manager.pendingNexthops().members()}};
+                       {"nexthopsPending", manager.pendingNexthops().members()},
+                       {"rulesWaiting", queues["ipv4"].get<uint32_t>() + queues["ipv6"].get<uint32_t>()}};
   status["daemon"] = {
       {"config", configPath_},
       {"uptime", clock_.now() - startedAt_},

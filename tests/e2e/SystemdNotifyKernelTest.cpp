@@ -20,35 +20,11 @@
 #include <nlohmann/json.hpp>
 
 #include "kernel/FileDescriptor.h"
+#include "tests/support/DaemonProcess.h"
 #include "tests/support/NetworkNamespace.h"
 
 namespace waymark::test {
 namespace {
-
-// A waymarkd run in the test's namespace, stopped and reaped when it goes.
-class DaemonProcess {
- public:
-  DaemonProcess(const std::vector<std::string>& args, const std::string& notifySocket) {
-    pid_ = fork();
-    if (pid_ != 0) return;
-    setenv("NOTIFY_SOCKET", notifySocket.c_str(), 1);
-    std::vector<char*> argv;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  ~DaemonProcess() { stop(); }
-  void stop() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
 
 TEST(SystemdNotifyKernelTest, ReadyComesOnlyOnceTheStartIsIdle) {
   WAYMARK_REQUIRE_NETNS();
@@ -85,7 +61,7 @@ interfaces: {wn1: edge}
   const std::string socketPath = (dir / "waymarkd.sock").string();
   DaemonProcess daemon({std::string(WAYMARK_BINARY_DIR) + "/daemon/waymarkd", "--config", config,
                         "--socket", socketPath, "--state", (dir / "state.json").string()},
-                       notify);
+                       {{"NOTIFY_SOCKET", notify}});
   std::vector<std::string> messages;
   nlohmann::json status;
   while (true) {
