@@ -162,6 +162,9 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     const auto reply = Waymark::controlRequest(socket, {{"command", "reload"}});
     if (reply.at("ok").get<bool>()) {
       std::puts("reloaded");
+      for (const auto& w : reply.value("warnings", nlohmann::json::array())) {
+        std::printf("%s\n", w.get<std::string>().c_str());
+      }
       return 0;
     }
     std::fprintf(stderr, "reload refused, nothing changed: %s\n",

@@ -45,7 +45,9 @@ counter() { lab_ctl counters | awk -v g="$1" -v c="$2" '$1 == g && $2 == c {prin
 serving() { lab_ctl status >/dev/null 2>&1 && echo yes || echo no; }
 flap() { in_ns router ip link set "$1" down; lab_settle >/dev/null; in_ns router ip link set "$1" up; lab_settle >/dev/null; }
 
+# Routing commands as `ip` processes, so that the fault-injecting `ip` runs.
 cat > "$CONFIG" <<'YAML'
+tunables: {command-executor: shell}
 access-lists:
   web: [permit tcp any any eq 80]
 class-maps:
