@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "kernel/MangleTransaction.h"
+#include "kernel/RestoreIptablesWriter.h"
 
 namespace Kernel {
 
@@ -109,8 +110,14 @@ void AsyncIptablesWriter::work(Lane& l) {
   while (true) {
     wake_.wait(lock, [&] { return stopping_ || !l.jobs.empty(); });
     if (l.jobs.empty()) return;
-    const Job job = std::move(l.jobs.front());
+    Job job = std::move(l.jobs.front());
     l.jobs.pop_front();
+    // Batches that queued up while the lane was busy go together.
+    while (!job.transaction && job.batches.size() < kBatchesTogether && !l.jobs.empty() &&
+           !l.jobs.front().transaction) {
+      job.batches.push_back(std::move(l.jobs.front().batches.front()));
+      l.jobs.pop_front();
+    }
     l.busy = true;
     lock.unlock();
     std::vector<Outcome> done = run(l, job);
@@ -126,13 +133,53 @@ void AsyncIptablesWriter::work(Lane& l) {
 
 std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::run(Lane& l, const Job& job) {
   if (job.transaction) return runTransaction(l, job);
-  const auto result = writeNow(l.type, job.batches.front());
-  if (result.ok) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    l.written.add(job.batches.front());
-    ++writes_;
+  std::vector<Outcome> done;
+  // Consecutive batches that iptables-restore takes as one transaction are
+  // written as one; the others alone.
+  std::vector<std::string> group;
+  for (const auto& batch : job.batches) {
+    group.push_back(batch);
+    if (group.size() > 1 && AclUtils::RestoreIptablesWriter::restoreParts(joined(group)).size() != 1) {
+      group.pop_back();
+      runTogether(l, group, done);
+      group = {batch};
+    }
   }
-  return {{l.type, job.batches.front(), result}};
+  runTogether(l, group, done);
+  return done;
+}
+
+std::string AsyncIptablesWriter::joined(const std::vector<std::string>& batches) {
+  std::string text;
+  for (const auto& b : batches) text += b;
+  return text;
+}
+
+void AsyncIptablesWriter::runTogether(Lane& l, const std::vector<std::string>& batches,
+                                      std::vector<Outcome>& done) {
+  if (batches.size() > 1) {
+    const std::string text = AclUtils::RestoreIptablesWriter::restoreParts(joined(batches)).front();
+    if (writeNow(l.type, text).ok) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (const auto& batch : batches) {
+        l.written.add(batch);
+        done.push_back({l.type, batch, {}});
+      }
+      ++writes_;
+      return;
+    }
+    // Refused together (nothing was written): alone, each gets its own
+    // outcome.
+  }
+  for (const auto& batch : batches) {
+    const auto result = writeNow(l.type, batch);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (result.ok) {
+      l.written.add(batch);
+      ++writes_;
+    }
+    done.push_back({l.type, batch, result});
+  }
 }
 
 std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::runTransaction(Lane& l,

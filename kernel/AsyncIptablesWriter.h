@@ -19,6 +19,12 @@
 // part of the table only. A refused rebuild is not written batch by batch,
 // since its first batch empties the whole table; its batches fail instead.
 //
+// Batches that queued up while a family's restore ran are written together,
+// as one transaction, when iptables-restore can take them as one; refused,
+// they are written again one by one, so that each gets its own outcome as
+// if they had never been grouped. A failover's few batches, alone in the
+// queue, go at once.
+//
 // The writer also keeps, per family, what the batches it wrote leave in the
 // table (written()), which the drift check compares with the kernel's.
 #pragma once
@@ -108,10 +114,17 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
     std::thread thread;
   };
 
+  // At most this many queued batches are written as one transaction.
+  static constexpr size_t kBatchesTogether = 64;
+
   void work(Lane& lane);
   // Writes the job's batches; their outcomes, in order.
   std::vector<Outcome> run(Lane& lane, const Job& job);
   std::vector<Outcome> runTransaction(Lane& lane, const Job& job);
+  // Writes `batches` as one transaction, or each alone when it is refused.
+  void runTogether(Lane& lane, const std::vector<std::string>& batches,
+                   std::vector<Outcome>& done);
+  static std::string joined(const std::vector<std::string>& batches);
   // Stops holding; each family's held batches become one transaction job,
   // which `describe` completes.
   void release(const std::function<void(const Lane&, Job&)>& describe);

@@ -60,9 +60,46 @@ TEST_F(AsyncIptablesWriterTest, EachFamilysBatchesArriveInOrderAndComeBackAsOutc
     EXPECT_TRUE(o.result.ok);
     if (o.type == Acl::aclTypeIpv4) v4.push_back(o.text);
   }
-  EXPECT_EQ(v4, texts(Acl::aclTypeIpv4));
+  std::vector<std::string> lines;
+  for (const auto& text : v4) lines.push_back(text.substr(8, text.size() - 16));
+  EXPECT_EQ(lines, recorder.lines(Acl::aclTypeIpv4));
   EXPECT_EQ(v4.back(), framed("-A X 19\n"));
   EXPECT_TRUE(writer.idle());
+}
+
+TEST_F(AsyncIptablesWriterTest, BatchesQueuedWhileARestoreRunsGoTogetherAndARefusedGroupGoesAlone) {
+  const auto whileTheFirstIsWritten = [&](const std::vector<std::string>& lines) {
+    recorder.pausedIs(true);
+    const size_t before = recorder.written();
+    writer.write(Acl::aclTypeIpv4, framed(lines.front()));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (recorder.written() == before && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_EQ(recorder.written(), before + 1) << "awaited: the first batch being written";
+    for (size_t i = 1; i < lines.size(); ++i) writer.write(Acl::aclTypeIpv4, framed(lines[i]));
+    recorder.pausedIs(false);
+  };
+  // A replacement in a chain that grew in the same transaction is one that
+  // iptables-restore does not take: it starts a transaction of its own.
+  whileTheFirstIsWritten({"-A X 0\n", "-A X 1\n", "-A X 2\n", "-R X 1 -p tcp\n"});
+  for (const auto& o : outcomes(4)) EXPECT_TRUE(o.result.ok) << o.text;
+  EXPECT_EQ(texts(Acl::aclTypeIpv4),
+            (std::vector<std::string>{framed("-A X 0\n"), framed("-A X 1\n-A X 2\n"),
+                                      framed("-R X 1 -p tcp\n")}));
+
+  recorder.clear();
+  recorder.refuseIs("bad");
+  whileTheFirstIsWritten({"-A X 3\n", "-A X 4\n", "-A X bad\n"});
+  const auto got = outcomes(3);
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_TRUE(got[0].result.ok);
+  EXPECT_TRUE(got[1].result.ok);
+  EXPECT_FALSE(got[2].result.ok);
+  EXPECT_EQ(got[2].text, framed("-A X bad\n"));
+  EXPECT_EQ(texts(Acl::aclTypeIpv4),
+            (std::vector<std::string>{framed("-A X 3\n"), framed("-A X 4\n-A X bad\n"),
+                                      framed("-A X 4\n"), framed("-A X bad\n")}));
 }
 
 TEST_F(AsyncIptablesWriterTest, AHeldStartIsOneTransactionPerFamily) {

@@ -1,9 +1,10 @@
 // An iptables writer that records every batch instead of loading it, can
-// refuse batches that contain a chosen text, and can make each batch take
-// time on the virtual clock. It may be written from two threads at once, as
+// refuse batches that contain a chosen text, can make each batch take time
+// on the virtual clock, and can hold a write until the test lets it go. It may be written from two threads at once, as
 // the asynchronous writer's lanes do.
 #pragma once
 
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,8 +23,9 @@ class RecordingIptablesWriter : public AclUtils::IptablesWriter {
 
   std::optional<AclUtils::IptablesWriteResult> write(Acl::AclType type,
                                                      const std::string& text) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     batches.push_back({type, text});
+    released_.wait(lock, [this] { return !paused_; });
     if (clock_ != nullptr) clock_->advance(secondsPerBatch_);
     if (!refuse_.empty() && text.find(refuse_) != std::string::npos) {
       return AclUtils::IptablesWriteResult{false, "iptables-restore: line 2 failed", ""};
@@ -31,6 +33,18 @@ class RecordingIptablesWriter : public AclUtils::IptablesWriter {
     return AclUtils::IptablesWriteResult{};
   }
 
+  // While paused, a write is recorded and then waits.
+  void pausedIs(bool paused) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      paused_ = paused;
+    }
+    released_.notify_all();
+  }
+  size_t written() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return batches.size();
+  }
   // Batches containing `text` fail.
   void refuseIs(const std::string& text) { refuse_ = text; }
   void costIs(VirtualClock* clock, double secondsPerBatch) {
@@ -59,6 +73,8 @@ class RecordingIptablesWriter : public AclUtils::IptablesWriter {
 
  private:
   std::mutex mutex_;
+  std::condition_variable released_;
+  bool paused_ = false;
   std::string refuse_;
   VirtualClock* clock_ = nullptr;
   double secondsPerBatch_ = 0.0;
