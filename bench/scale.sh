@@ -15,7 +15,7 @@
 #
 # waymarkd runs twice per size: with routing commands as rtnetlink requests
 # (time to idle and the nexthop loop's own total), then with an ip process per
-# command, the default, for everything else.
+# command (the shell executor), for everything else.
 #
 # Usage: bench/scale.sh BUILD_DIR [SIZES...]   sizes as S:N, default 1000:10 10000:100 50000:1000
 # Prints a table; writes bench-scale.tsv and, with gnuplot, bench-scale.png
