@@ -601,6 +601,10 @@ void addCounters(const ChainClasses& c, const Kernel::MangleReadback::RuleCounte
 }  // namespace
 
 void Router::classCounters(std::function<void(nlohmann::json)> done) {
+  countersAsked_.push_back(std::move(done));
+  // One read-back answers everyone who asks while it is on its way, so that
+  // scrapers asking without pause cost one read-back at a time.
+  if (countersAsked_.size() > 1) return;
   std::array<std::vector<ChainClasses>, 2> perFamily;
   for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
     const auto typeData = plugin_->aclHelper()->aclTypeData(option);
@@ -618,15 +622,16 @@ void Router::classCounters(std::function<void(nlohmann::json)> done) {
       perFamily[option == PolicyMap::matchIpv6].push_back(std::move(c));
     }
   }
-  background_.post([this, perFamily = std::move(perFamily), done = std::move(done)]() {
+  background_.post([this, perFamily = std::move(perFamily)]() {
     nlohmann::json classes = nlohmann::json::array();
     for (const bool v6 : {false, true}) {
       if (perFamily[v6].empty()) continue;
       const auto counters = kernel_.ruleCounters(v6);
       for (const auto& c : perFamily[v6]) addCounters(c, counters, classes);
     }
-    return BackgroundWork::Done(
-        [classes = std::move(classes), done]() { done({{"classes", classes}}); });
+    return BackgroundWork::Done([this, classes = std::move(classes)]() {
+      for (const auto& asked : std::exchange(countersAsked_, {})) asked({{"classes", classes}});
+    });
   });
 }
 

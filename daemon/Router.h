@@ -220,6 +220,8 @@ class Router {
       activity_{};
   std::set<std::string> warned_;
   std::vector<std::string> configWarnings_;
+  // Who waits for the counters' read-back on its way.
+  std::vector<std::function<void(nlohmann::json)>> countersAsked_;
   uint64_t lints_ = 0;  // searches started; the latest one's result counts
   bool linting_ = false;
   BackgroundWork background_;

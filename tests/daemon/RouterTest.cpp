@@ -184,6 +184,23 @@ TEST_F(RouterTest, EachClassCountsWhatTheFirstRuleOfEachOfItsPairsSaw) {
   EXPECT_TRUE(reply["counters"].contains("nexthops"));
 }
 
+TEST_F(RouterTest, CountersAskedWhileTheirReadBackIsOnItsWayShareIt) {
+  startRouter(kConfig);
+  ASSERT_TRUE(runUntilIdle());
+  ask({{"command", "counters"}});
+  const int oneReadBack = kernel.counterReads;
+  ASSERT_GT(oneReadBack, 0);
+  std::vector<nlohmann::json> replies;
+  for (int i = 0; i < 3; ++i) {
+    router.handle({{"command", "counters"}},
+                  [&replies](const nlohmann::json& r) { replies.push_back(r); });
+  }
+  router.drainBackground();
+  ASSERT_EQ(replies.size(), 3u);
+  EXPECT_EQ(replies[0]["classes"], replies[2]["classes"]);
+  EXPECT_EQ(kernel.counterReads, 2 * oneReadBack);
+}
+
 TEST_F(RouterTest, EventsTellWhatChangedAndWhyAndGoToTheLog) {
   std::string text = kConfig;
   text.replace(text.find("[192.0.2.1]"), 11, "[192.0.2.1, 198.51.100.9]");

@@ -9,6 +9,8 @@
 // rebuild's steps are counted.
 #pragma once
 
+#include <atomic>
+
 #include <utility>
 
 #include "daemon/RouterKernel.h"
@@ -33,7 +35,11 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   bool writing() const override { return busy; }
   void rulesWritten(Pbr::NexthopTableManager&) override { ++rulesWrittenCalls; }
   void catchUp(Pbr::AclPlugin&) override { ++catchUps; }
-  Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override { return counters[v6]; }
+  // Read on the router's background thread.
+  Kernel::MangleReadback::RuleCounters ruleCounters(bool v6) override {
+    ++counterReads;
+    return counters[v6];
+  }
   void suspectDrift() override { ++driftSuspicions; }
   double mangleCheckDue() const override { return mangleDrift.empty() ? 1e300 : 0.0; }
   bool mangleSuspected() const override { return !mangleDrift.empty(); }
@@ -59,7 +65,8 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   RecordingProbeSender probes;
   std::vector<Waymark::CommandExecutor> executors;  // each runner() asked for
   bool busy = false;
-  Kernel::MangleReadback::RuleCounters counters[2];  // what each family's read-back says
+  Kernel::MangleReadback::RuleCounters counters[2];
+  std::atomic<int> counterReads = 0;  // what each family's read-back says
   int nexthopsProgrammedCalls = 0;
   int rulesWrittenCalls = 0;
   int catchUps = 0;
