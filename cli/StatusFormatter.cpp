@@ -122,12 +122,13 @@ std::string StatusFormatter::all(const nlohmann::json& status) {
   const auto startup = status.value("startup", nlohmann::json::object());
   const std::string phase = startup.value("phase", "running");
   const std::string starting =
-      phase == "running" ? ""
-                         : "starting: " + phase +
-                               (startup.contains("rulesWaiting")
-                                    ? " (" + text(startup["rulesWaiting"]) + " rule operations waiting)"
-                                    : "") +
-                               "\n";
+      phase == "running"
+          ? ""
+          : "starting: " + phase +
+                (startup.contains("rulesWaiting")
+                     ? " (" + text(startup["rulesWaiting"]) + " rule operations waiting)"
+                     : "") +
+                "\n";
   return policies(status) + "\n" + nexthops(status) + "\n" + drift + starting +
          (status.at("idle").get<bool>() ? "idle: all kernel work done\n"
                                         : "busy: kernel work pending\n");

@@ -139,7 +139,8 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
   out.push_back(single("waymark_longest_loop_turn_seconds",
                        "The longest pass of the event loop since the start: how long a netlink "
                        "event, a timer or a control request may have waited",
-                       MetricType::Gauge, number(daemon.value("longestLoopTurn", nlohmann::json()))));
+                       MetricType::Gauge,
+                       number(daemon.value("longestLoopTurn", nlohmann::json()))));
   out.push_back(single("waymark_uptime_seconds", "Seconds since the daemon started",
                        MetricType::Gauge, number(status.value("uptime", nlohmann::json()))));
   return out;

@@ -47,8 +47,8 @@ Router::Router(RouterKernel& kernel, const Vix::TimeSource& clock, std::string c
 
 void Router::startPlugin() {
   plugin_ = Pbr::aclPluginFactory("waymark");
-  plugin_->init(Vix::make<Acl::PluginContext>(
-      store_, &kernel_.runner(tunables_.commandExecutor), &kernel_.writer()));
+  plugin_->init(Vix::make<Acl::PluginContext>(store_, &kernel_.runner(tunables_.commandExecutor),
+                                              &kernel_.writer()));
 }
 
 void Router::start(ConfigModel model) {
@@ -573,7 +573,7 @@ struct ChainClasses {
   const char* family;
   std::string chain;
   std::vector<std::pair<uint32_t, std::string>> positions;  // rule position, class
-  std::vector<std::string> classes;                        // in order, those with rules
+  std::vector<std::string> classes;                         // in order, those with rules
 };
 
 // A class's traffic is what the first rule of each of its pairs saw: the
@@ -655,24 +655,24 @@ nlohmann::json Router::status() const {
   uint32_t programmed = 0;
   manager.programmedSet().forEach([&](const auto&, bool p) { programmed += p ? 1 : 0; });
   const auto& queues = status["queues"];
-  status["startup"] = {{"phase", phaseName(phase_)},
-                       {"nexthopsProgrammed", programmed},
-                       {"nexthopsPending", manager.pendingNexthops().members()},
-                       {"rulesWaiting", queues["ipv4"].get<uint32_t>() + queues["ipv6"].get<uint32_t>()}};
-  status["daemon"] = {
-      {"config", configPath_},
-      {"uptime", clock_.now() - startedAt_},
-      {"longestLoopTurn", longestTurn_},
-      {"reloads", reloads_},
-      {"reloadsFailed", reloadsFailed_},
-      {"lastReloadError", lastReloadError_},
-      {"commandExecutor",
-       tunables_.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
-      {"startingUp", phase_ != StartupPhase::running},
-      {"configWaiting", gate_.waiting()},
-      {"writerIdle", !kernel_.writing()},
-      {"mangleRebuilds", rebuilds_},
-      {"mangleRebuilding", rebuild_ != Rebuild::none || resyncRequested_}};
+  status["startup"] = {
+      {"phase", phaseName(phase_)},
+      {"nexthopsProgrammed", programmed},
+      {"nexthopsPending", manager.pendingNexthops().members()},
+      {"rulesWaiting", queues["ipv4"].get<uint32_t>() + queues["ipv6"].get<uint32_t>()}};
+  status["daemon"] = {{"config", configPath_},
+                      {"uptime", clock_.now() - startedAt_},
+                      {"longestLoopTurn", longestTurn_},
+                      {"reloads", reloads_},
+                      {"reloadsFailed", reloadsFailed_},
+                      {"lastReloadError", lastReloadError_},
+                      {"commandExecutor",
+                       tunables_.commandExecutor == CommandExecutor::netlink ? "netlink" : "shell"},
+                      {"startingUp", phase_ != StartupPhase::running},
+                      {"configWaiting", gate_.waiting()},
+                      {"writerIdle", !kernel_.writing()},
+                      {"mangleRebuilds", rebuilds_},
+                      {"mangleRebuilding", rebuild_ != Rebuild::none || resyncRequested_}};
   kernel_.describe(status);
   return status;
 }

@@ -61,8 +61,7 @@ class PortStab {
  private:
   static constexpr uint32_t kPorts = 65536;
 
-  void insert(uint32_t node, uint32_t lo, uint32_t hi, uint32_t from, uint32_t to,
-              uint32_t entry) {
+  void insert(uint32_t node, uint32_t lo, uint32_t hi, uint32_t from, uint32_t to, uint32_t entry) {
     if (to < lo || hi < from) return;
     if (from <= lo && hi <= to) {
       nodes_[node].push_back(entry);
@@ -91,8 +90,8 @@ struct ShadowIndex::Bucket {
     uint8_t flags;
     size_t id;
   };
-  using Shape = std::tuple<Acl::PortOp, std::vector<uint16_t>, Acl::PortOp, std::vector<uint16_t>,
-                           uint8_t>;
+  using Shape =
+      std::tuple<Acl::PortOp, std::vector<uint16_t>, Acl::PortOp, std::vector<uint16_t>, uint8_t>;
 
   std::vector<Entry> entries;
   std::set<Shape> shapes;
@@ -110,17 +109,15 @@ ShadowIndex::~ShadowIndex() = default;
 void ShadowIndex::add(const Acl::AclRuleConfig& rule, uint8_t flags, size_t id) {
   const int srcLen = lengthOf(rule.src);
   const int dstLen = lengthOf(rule.dst);
-  const Key key{rule.ipv6,
-                rule.protocol ? *rule.protocol : kAnyProtocol,
-                srcLen,
-                network(rule.src.addr, srcLen),
-                dstLen,
-                network(rule.dst.addr, dstLen)};
+  const Key key{rule.ipv6, rule.protocol ? *rule.protocol : kAnyProtocol,
+                srcLen,    network(rule.src.addr, srcLen),
+                dstLen,    network(rule.dst.addr, dstLen)};
   auto& slot = buckets_[key];
   if (!slot) slot = std::make_unique<Bucket>();
   Bucket& b = *slot;
-  if (!b.shapes.emplace(rule.srcPorts.op, rule.srcPorts.ports, rule.dstPorts.op,
-                        rule.dstPorts.ports, flags)
+  if (!b.shapes
+           .emplace(rule.srcPorts.op, rule.srcPorts.ports, rule.dstPorts.op, rule.dstPorts.ports,
+                    flags)
            .second) {
     return;
   }
@@ -138,8 +135,7 @@ void ShadowIndex::add(const Acl::AclRuleConfig& rule, uint8_t flags, size_t id) 
   }
 }
 
-std::optional<size_t> ShadowIndex::firstCover(const Acl::AclRuleConfig& rule,
-                                              uint8_t flags) const {
+std::optional<size_t> ShadowIndex::firstCover(const Acl::AclRuleConfig& rule, uint8_t flags) const {
   std::optional<size_t> first;
   const auto consider = [&](const Bucket& b, uint32_t entry) {
     const auto& e = b.entries[entry];
@@ -161,8 +157,8 @@ std::optional<size_t> ShadowIndex::firstCover(const Acl::AclRuleConfig& rule,
       if (s > srcLen) break;
       for (const int d : dstLengths_[rule.ipv6]) {
         if (d > dstLen) break;
-        const auto it = buckets_.find(Key{rule.ipv6, protocol, s, network(rule.src.addr, s), d,
-                                          network(rule.dst.addr, d)});
+        const auto it = buckets_.find(
+            Key{rule.ipv6, protocol, s, network(rule.src.addr, s), d, network(rule.dst.addr, d)});
         if (it != buckets_.end()) searchBucket(*it->second);
       }
     }

@@ -139,7 +139,8 @@ std::vector<AsyncIptablesWriter::Outcome> AsyncIptablesWriter::run(Lane& l, cons
   std::vector<std::string> group;
   for (const auto& batch : job.batches) {
     group.push_back(batch);
-    if (group.size() > 1 && AclUtils::RestoreIptablesWriter::restoreParts(joined(group)).size() != 1) {
+    if (group.size() > 1 &&
+        AclUtils::RestoreIptablesWriter::restoreParts(joined(group)).size() != 1) {
       group.pop_back();
       runTogether(l, group, done);
       group = {batch};

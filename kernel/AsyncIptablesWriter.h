@@ -122,8 +122,7 @@ class AsyncIptablesWriter : public AclUtils::IptablesWriter {
   std::vector<Outcome> run(Lane& lane, const Job& job);
   std::vector<Outcome> runTransaction(Lane& lane, const Job& job);
   // Writes `batches` as one transaction, or each alone when it is refused.
-  void runTogether(Lane& lane, const std::vector<std::string>& batches,
-                   std::vector<Outcome>& done);
+  void runTogether(Lane& lane, const std::vector<std::string>& batches, std::vector<Outcome>& done);
   static std::string joined(const std::vector<std::string>& batches);
   // Stops holding; each family's held batches become one transaction job,
   // which `describe` completes.

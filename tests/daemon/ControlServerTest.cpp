@@ -61,8 +61,7 @@ class ControlServerTest : public ::testing::Test {
   Vix::VirtualTimeSource clock;
   // Requests that ask for it are answered later, through `later`.
   std::vector<ControlServer::Reply> later;
-  ControlServer server{[this](const nlohmann::json& request,
-                              const ControlServer::Reply& reply) {
+  ControlServer server{[this](const nlohmann::json& request, const ControlServer::Reply& reply) {
                          if (request.value("later", false)) {
                            later.push_back(reply);
                            return;

@@ -153,11 +153,11 @@ TEST_F(RouterHealthTest, ExplainSaysWhenAClassesNexthopIsDownByItsCheck) {
   started();
   run(3.0, false);
   const auto reply = ask({{"command", "explain"},
-                                    {"in", "eth1"},
-                                    {"proto", "udp"},
-                                    {"src", "10.0.0.1"},
-                                    {"dst", "198.51.100.1"},
-                                    {"dport", 53}});
+                          {"in", "eth1"},
+                          {"proto", "udp"},
+                          {"src", "10.0.0.1"},
+                          {"dst", "198.51.100.1"},
+                          {"dport", 53}});
   EXPECT_EQ(reply["class"], "dns");
   EXPECT_TRUE(reply["nexthop"].is_null());
   EXPECT_EQ(reply["nexthopState"], "192.0.2.1: down by its health check");

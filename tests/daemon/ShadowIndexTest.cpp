@@ -60,8 +60,8 @@ class RandomRules {
     }
     const std::string net = "2001:db8:" + b + ":" + c;
     return len == 32 ? "host " + net + "::" + std::to_string(number(1, 2))
-                     : "2001:db8:" + (len >= 16 ? b : "0") + ":" + (len >= 24 ? c : "0") +
-                           "::/" + std::to_string(len + 32);
+                     : "2001:db8:" + (len >= 16 ? b : "0") + ":" + (len >= 24 ? c : "0") + "::/" +
+                           std::to_string(len + 32);
   }
 
   std::string portSpec() {
@@ -85,8 +85,9 @@ class RandomRules {
   std::mt19937 random_;
 };
 
-std::optional<size_t> firstCoverByPairs(const std::deque<std::pair<Acl::AclRuleConfig, uint8_t>>& seen,
-                                        const Acl::AclRuleConfig& rule, uint8_t flags) {
+std::optional<size_t> firstCoverByPairs(
+    const std::deque<std::pair<Acl::AclRuleConfig, uint8_t>>& seen, const Acl::AclRuleConfig& rule,
+    uint8_t flags) {
   for (size_t i = 0; i < seen.size(); ++i) {
     if (ConfigLinter::covers(seen[i].first, seen[i].second, rule, flags)) return i;
   }
@@ -105,7 +106,8 @@ TEST(ShadowIndexTest, FindsTheFirstEarlierCoverAsComparingEveryPairWould) {
       const auto rule = Acl::AclRuleParser::parse(text, ipv6);
       for (const auto& flags : rule.subRuleFlags()) {
         const auto expected = firstCoverByPairs(seen, rule, flags.value());
-        ASSERT_EQ(index.firstCover(rule, flags.value()), expected) << "seed " << seed << ": " << text << " / "
+        ASSERT_EQ(index.firstCover(rule, flags.value()), expected)
+            << "seed " << seed << ": " << text << " / "
             << (expected ? seen[*expected].first.text() : "");
         covered += expected.has_value();
       }

@@ -77,7 +77,8 @@ TEST_F(DaemonStartKernelTest, TheSocketAnswersWhileTheFileIsReadAndTheStartGoesO
   ns.addLinkPair("wn0", "wn1");
   ns.run("ip addr add 192.0.2.254/24 dev wn0");
   const auto daemon = launch();
-  const auto reading = statusOnce([](const auto& s) { return phaseIs(s, "reading configuration"); });
+  const auto reading =
+      statusOnce([](const auto& s) { return phaseIs(s, "reading configuration"); });
   ASSERT_FALSE(reading.is_null()) << "awaited: a status while the file is read";
   EXPECT_FALSE(reading["idle"].get<bool>());
   EXPECT_EQ(Waymark::controlRequest(socket, {{"command", "idle"}})["idle"], false);
@@ -98,8 +99,8 @@ TEST_F(DaemonStartKernelTest, AStopWhileTheFileIsReadEndsTheDaemon) {
   WAYMARK_REQUIRE_NETNS();
   NetworkNamespace ns;
   const auto daemon = launch();
-  ASSERT_FALSE(statusOnce([](const auto& s) { return phaseIs(s, "reading configuration"); })
-                   .is_null())
+  ASSERT_FALSE(
+      statusOnce([](const auto& s) { return phaseIs(s, "reading configuration"); }).is_null())
       << "awaited: a status while the file is read";
   // The reader still waits for the FIFO's writer: the daemon does not wait
   // for it to stop.

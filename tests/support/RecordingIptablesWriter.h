@@ -1,7 +1,7 @@
 // An iptables writer that records every batch instead of loading it, can
 // refuse batches that contain a chosen text, can make each batch take time
-// on the virtual clock, and can hold a write until the test lets it go. It may be written from two threads at once, as
-// the asynchronous writer's lanes do.
+// on the virtual clock, and can hold a write until the test lets it go. It may be written from two
+// threads at once, as the asynchronous writer's lanes do.
 #pragma once
 
 #include <condition_variable>
