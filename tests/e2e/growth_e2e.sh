@@ -8,8 +8,8 @@
 #
 # Measured: `waymarkd --check` (varied rule shapes, so that the warnings'
 # search meets prefixes, ranges and flags), a start to idle in a private
-# namespace, `status --json` and `counters --json` of the running daemon,
-# and a reload that changes one rule's port, to idle.
+# namespace, `status --json`, `counters --json` and `explain` of the
+# running daemon, and a reload that changes one rule's port, to idle.
 # Usage: tests/e2e/growth_e2e.sh BUILD [N]   N sub-rules, default 2500
 # Ends with "N passed, N failed".
 set -uo pipefail
@@ -140,6 +140,9 @@ for size in "$N" $((4 * N)); do
   at[start$size]=$BEST
   at[status$size]=$(best_of_three ctl status --json)
   at[counters$size]=$(best_of_three ctl counters --json)
+  # A packet no class takes: every rule of the policy is looked at.
+  at[explain$size]=$(best_of_three ctl explain --in in0 --proto tcp --src 192.0.2.10 \
+    --dst 198.51.100.200 --dport 9 --json)
   at[reload$size]=$(best_of_three one_rule_reload "$RUN/c$size.yaml")
   check "the daemon at $size sub-rules wrote every rule" \
     "$(ip netns exec "$NS" sh -c 'iptables -t mangle -S; ip6tables -t mangle -S' | grep -c '^-A PBR_')" $((2 * size))
@@ -151,5 +154,6 @@ judge "waymarkd --check" "${at[check$N]}" "${at[check$((4 * N))]}"
 judge "start to idle" "${at[start$N]}" "${at[start$((4 * N))]}"
 judge "status --json" "${at[status$N]}" "${at[status$((4 * N))]}"
 judge "counters --json" "${at[counters$N]}" "${at[counters$((4 * N))]}"
+judge "explain" "${at[explain$N]}" "${at[explain$((4 * N))]}"
 judge "one-rule reload to idle" "${at[reload$N]}" "${at[reload$((4 * N))]}"
 finish
