@@ -1,6 +1,7 @@
 # Large configurations for the scale benchmarks and the crash test, to be
 # sourced: generate() writes S sub-rules over 10 policies and N nexthops,
-# generate_one_policy() S sub-rules in one policy, scale_namespace() makes a
+# generate_one_policy() S sub-rules in one policy, generate_varied() S
+# sub-rules of varied shapes in one policy, scale_namespace() makes a
 # namespace whose one link covers every nexthop they use, and
 # save_final_state() / load_final_state() load what waymarkd programmed the
 # fastest way there is (the limit).
@@ -81,6 +82,45 @@ generate_one_policy() {  # S N C FILE
     echo "interfaces:"
     echo "  in0: p0"
   } > "$4"
+}
+
+# S sub-rules in one policy, of shapes a large configuration has: hosts and
+# prefixes, single ports, lists and ranges, TCP flags, both families.
+generate_varied() {  # S FILE
+  local s=$1 per=50 classes c r k fam
+  classes=$((s / per))
+  {
+    echo "access-lists:"
+    for c in $(seq 0 $((classes - 1))); do
+      fam=$((c % 2))
+      echo "  l$c:"
+      [ $fam = 1 ] && echo "    ipv6: true"
+      echo "    rules:"
+      for r in $(seq 0 $((per - 1))); do
+        k=$((c * per + r))
+        if [ $fam = 0 ]; then
+          case $((r % 4)) in
+            0) echo "      - permit tcp any host 198.51.$((k / 250 % 250)).$((k % 250 + 1)) eq $((1024 + k % 60000))" ;;
+            1) echo "      - permit udp 203.0.$((k % 250)).0/24 any range $((1024 + k % 50000)) $((1030 + k % 50000))" ;;
+            2) echo "      - permit tcp 192.0.$((k % 250)).0/24 eq 80 443 any syn" ;;
+            *) echo "      - permit icmp host 192.0.2.$((k % 250 + 1)) 10.$((k / 65536 % 250)).$((k / 256 % 256)).$((k % 256))/32" ;;
+          esac
+        else
+          echo "      - permit tcp any 2001:db8:$(printf %x $((k % 65000))):$(printf %x $((k / 65000)))::/64 gt $((k % 60000))"
+        fi
+      done
+    done
+    echo "class-maps:"
+    for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
+    echo "policy-maps:"
+    echo "  p0:"
+    for c in $(seq 0 $((classes - 1))); do
+      echo "    - class: c$c"
+      [ $((c % 2)) = 0 ] && echo "      nexthops: [198.51.100.2]" || echo "      nexthops: ['2001:db8:1::2']"
+    done
+    echo "interfaces:"
+    echo "  in0: p0"
+  } > "$2"
 }
 
 # Saves what waymarkd programmed in namespace NS into DIR: the mangle tables
