@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,15 @@ int usage() {
   return 2;
 }
 
+// The daemon's reply to `request`, which holds `key`; the daemon's own
+// refusal (a peer it does not serve, a start still reading its file) is
+// thrown as it said it.
+nlohmann::json ask(const std::string& socket, const nlohmann::json& request, const char* key) {
+  auto reply = Waymark::controlRequest(socket, request);
+  if (reply.contains(key)) return reply;
+  throw std::runtime_error(reply.value("error", std::string("a reply without ") + key));
+}
+
 // Waits until waymarkd has no kernel work pending; false (and says why)
 // when it still has some after `timeout` seconds.
 bool waitIdle(const std::string& socket, double timeout) {
@@ -40,8 +50,7 @@ bool waitIdle(const std::string& socket, double timeout) {
   std::string why = "still busy";
   do {
     try {
-      if (Waymark::controlRequest(socket, {{"command", "idle"}}).at("idle").get<bool>())
-        return true;
+      if (ask(socket, {{"command", "idle"}}, "idle").at("idle").get<bool>()) return true;
       why = "still busy";
     } catch (const std::exception& e) {
       why = e.what();
@@ -114,9 +123,9 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
   if (command == "status" || command == "policies" || command == "nexthops" ||
       command == "counters") {
     if (args.size() > 2 || (args.size() == 2 && !json)) return usage();
-    const auto status = Waymark::controlRequest(socket, {{"command", "status"}});
+    const auto status = ask(socket, {{"command", "status"}}, "idle");
     if (command == "counters") {
-      const auto traffic = Waymark::controlRequest(socket, {{"command", "counters"}});
+      const auto traffic = ask(socket, {{"command", "counters"}}, "classes");
       if (json) {
         auto out = status.at("counters");
         out["classes"] = traffic.at("classes");
@@ -142,12 +151,12 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
   }
   if (command == "explain") return explain(socket, args);
   if (command == "metrics" && args.size() == 1) {
-    const auto reply = Waymark::controlRequest(socket, {{"command", "metrics"}});
+    const auto reply = ask(socket, {{"command", "metrics"}}, "text");
     std::fputs(reply.at("text").get<std::string>().c_str(), stdout);
     return 0;
   }
   if (command == "events" && (args.size() == 1 || (args.size() == 2 && json))) {
-    const auto reply = Waymark::controlRequest(socket, {{"command", "events"}});
+    const auto reply = ask(socket, {{"command", "events"}}, "events");
     if (json) {
       std::printf("%s\n", reply.dump(2).c_str());
       return 0;
@@ -191,7 +200,7 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     if (command == "resync") Waymark::controlRequest(socket, {{"command", "resync"}});
     if (!waitIdle(socket, timeout)) return 1;
     if (command == "resync") {
-      const auto status = Waymark::controlRequest(socket, {{"command", "status"}});
+      const auto status = ask(socket, {{"command", "status"}}, "idle");
       std::printf("resynced; drift: %s\n", status.value("drift", "none").c_str());
     }
     return 0;

@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <thread>
 
@@ -120,6 +122,9 @@ int Daemon::run() {
   // A child or a client that goes away early must cost an error, not the
   // daemon.
   signal(SIGPIPE, SIG_IGN);
+  // The state, its journal and the socket are the daemon's alone, whatever
+  // umask it was started with.
+  umask(0077);
   if (options_.check) {
     try {
       model_ = ConfigLoader::loadFile(options_.config);
@@ -134,6 +139,11 @@ int Daemon::run() {
     return 0;
   }
   std::string error;
+  std::error_code ec;
+  if (std::filesystem::is_directory(options_.state, ec)) {
+    log("--state names a directory, not a file: " + options_.state);
+    return kExitFailed;
+  }
   if (ControlServer::serving(options_.socket)) {
     log("another waymarkd serves " + options_.socket + "; refusing to start");
     return kExitAnotherInstance;

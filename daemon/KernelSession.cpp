@@ -41,7 +41,7 @@ bool KernelSession::open(const ConfigModel& model, std::string* error, bool* for
     log_(eventsError + "; the mangle tables are compared every " +
          std::to_string(static_cast<int>(MangleWatch::kPeriod)) + " s only");
   }
-  journal_.load();
+  loadJournal();
   std::vector<Kernel::PolicyRule> rules;
   std::vector<Kernel::RouteTableId> tables;
   for (const bool v6 : {false, true}) {
@@ -232,7 +232,8 @@ void KernelSession::describe(nlohmann::json& status) const {
   if (previous_) status["previousRun"] = previous_->toJson();
   status["journal"] = {{"numbersHeld", journal_.size()},
                        {"journalLines", journal_.journalLines()},
-                       {"error", journal_.error()}};
+                       {"error", journal_.error()},
+                       {"problems", journal_.problems()}};
 }
 
 Kernel::MangleReadback::RuleCounters KernelSession::ruleCounters(bool v6) {
@@ -260,8 +261,13 @@ std::string KernelSession::routeLookup(const Velnet::IpGenAddr& src, const Velne
   return r.ok() ? line : "no route: " + line;
 }
 
-void KernelSession::removeEverything() {
+void KernelSession::loadJournal() {
   journal_.load();
+  for (const auto& problem : journal_.problems()) log_("error: " + problem);
+}
+
+void KernelSession::removeEverything() {
+  loadJournal();
   for (const auto& rule : journal_.rules()) routing_.deleteRule(rule);
   for (const auto& table : journal_.tables()) routing_.flushTable(table.v6, table.table);
   for (const bool v6 : {false, true}) {

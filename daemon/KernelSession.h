@@ -84,6 +84,8 @@ class KernelSession : public RouterKernel {
                           const std::string& in, uint32_t mark) override;
 
  private:
+  // Loads the journal and logs, as errors, what it would not trust.
+  void loadJournal();
   // False when the mangle table holds another tool's rules and the
   // configuration does not say to take it over; names them either way.
   bool guardMangleTable(const ConfigModel& model, std::string* error, bool* foreignMangle);

@@ -136,6 +136,16 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
                        number(daemon.value("driftRepairs", nlohmann::json()))));
   out.push_back(single("waymark_idle", "1 when no kernel work is pending", MetricType::Gauge,
                        status.value("idle", false) ? 1 : 0));
+  const auto& journal = status.value("journal", nlohmann::json::object());
+  out.push_back(
+      single("waymark_journal_problems",
+             "Records of the state file the daemon would not trust at start (damaged, "
+             "or numbers waymark never hands out)",
+             MetricType::Gauge,
+             static_cast<double>(journal.value("problems", nlohmann::json::array()).size())));
+  out.push_back(single("waymark_journal_write_failing",
+                       "1 while the state journal cannot be written (additions are refused)",
+                       MetricType::Gauge, journal.value("error", "").empty() ? 0 : 1));
   out.push_back(single("waymark_longest_loop_turn_seconds",
                        "The longest pass of the event loop since the start: how long a netlink "
                        "event, a timer or a control request may have waited",

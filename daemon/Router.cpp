@@ -432,6 +432,11 @@ std::set<std::string> Router::runTimeWarnings(const nlohmann::json& status) cons
     if (n["state"] != Reason::kOutsideSubnets) continue;
     out.insert("nexthop " + n["address"].get<std::string>() + " is " + Reason::kOutsideSubnets);
   }
+  // What the state journal would not trust, and why it cannot record.
+  const auto journal = status.value("journal", nlohmann::json::object());
+  for (const auto& p : journal.value("problems", nlohmann::json::array())) out.insert(p);
+  const std::string error = journal.value("error", "");
+  if (!error.empty()) out.insert("state journal: " + error + "; additions are refused meanwhile");
   return out;
 }
 
@@ -641,10 +646,6 @@ nlohmann::json Router::status() const {
   status["uptime"] = clock_.now() - startedAt_;
   status["idle"] = idle();
   status["interfaces"] = addresses();
-  nlohmann::json warnings = configWarnings_;
-  for (const auto& w : runTimeWarnings(status)) warnings.push_back(w);
-  status["warnings"] = warnings;
-  status["warningsPending"] = linting_;
   for (auto& nexthop : status["nexthops"]) {
     const auto address = Velnet::IpGenAddr::parse(nexthop["address"].get<std::string>());
     const std::string intf = linkOf(address).interface;
@@ -674,6 +675,11 @@ nlohmann::json Router::status() const {
                       {"mangleRebuilds", rebuilds_},
                       {"mangleRebuilding", rebuild_ != Rebuild::none || resyncRequested_}};
   kernel_.describe(status);
+  // Last: the run-time warnings read what the kernel side describes too.
+  nlohmann::json warnings = configWarnings_;
+  for (const auto& w : runTimeWarnings(status)) warnings.push_back(w);
+  status["warnings"] = warnings;
+  status["warningsPending"] = linting_;
   return status;
 }
 

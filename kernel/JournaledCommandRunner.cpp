@@ -60,7 +60,9 @@ Pbr::CommandOutcome JournaledCommandRunner::run(const Pbr::RoutingRequest& reque
 }
 
 Pbr::CommandOutcome JournaledCommandRunner::addRoute(const Pbr::RoutingRequest& request) {
-  journal_.tableHeld(tableOf(request));
+  // What cannot be recorded must not reach the kernel: the routing logic
+  // sees an ordinary failure.
+  if (!journal_.tableHeld(tableOf(request))) return Pbr::CommandOutcome::exited(kNotRecorded);
   if (keptTable(request)) {
     keptTables_.erase(tableOf(request));
     return Pbr::CommandOutcome::exited(
@@ -75,7 +77,9 @@ Pbr::CommandOutcome JournaledCommandRunner::addRoute(const Pbr::RoutingRequest& 
 }
 
 Pbr::CommandOutcome JournaledCommandRunner::addRule(const Pbr::RoutingRequest& request) {
-  journal_.ruleHeld(ruleOf(request), request.nexthop);
+  if (!journal_.ruleHeld(ruleOf(request), request.nexthop)) {
+    return Pbr::CommandOutcome::exited(kNotRecorded);
+  }
   if (kept(request)) {
     kept_.erase(ruleOf(request));
     const int result = routing_.addRule(ruleOf(request));

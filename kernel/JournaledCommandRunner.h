@@ -5,7 +5,9 @@
 // shell or rtnetlink), and the manager gets the executor's own outcome.
 //
 // - A rule or a table is journaled before the command that adds it runs,
-//   and released again when the kernel refused it.
+//   and released again when the kernel refused it. When it cannot be
+//   journaled (a full disk), the command does not run and ends as a refused
+//   one would (exit status 2), so that nothing unrecorded reaches the kernel.
 // - A rule is released once deleted, or once the kernel says it has no such
 //   rule.
 // - "ip route del table T" names no route iproute2 accepts and deletes
@@ -32,6 +34,9 @@ class JournaledCommandRunner : public Pbr::CommandRunner {
   // REQUIRES: all three outlive the runner.
   JournaledCommandRunner(StateJournal& journal, KernelRouting& routing, Pbr::CommandRunner& next)
       : journal_(journal), routing_(routing), next_(&next) {}
+
+  // The exit status of an addition that could not be journaled.
+  static constexpr int kNotRecorded = 2;
 
   Pbr::CommandOutcome run(const Pbr::RoutingRequest& request) override;
 

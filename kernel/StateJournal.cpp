@@ -1,13 +1,17 @@
 #include "kernel/StateJournal.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 
 namespace Kernel {
 
@@ -35,6 +39,42 @@ std::string tableText(const RouteTableId& t) {
   return "table " + std::to_string(familyNumber(t.v6)) + " " + std::to_string(t.table);
 }
 
+// Why allocation could never have produced the rule, or "": priorities
+// stay in 1-32765 (the kernel's main and default rules follow), tables skip
+// 0 and 253-255 (the kernel's own: unspecified, default, main, local) and
+// stay in 16 bits, marks are never 0 or the one mark never handed out.
+std::string implausible(const PolicyRule& r) {
+  if (r.priority < 1 || r.priority > 32765) return "priority " + std::to_string(r.priority);
+  if (r.mark == 0 || r.mark == 13429) return "mark " + std::to_string(r.mark);
+  if (r.table == 0 || (r.table >= 253 && r.table <= 255) || r.table > 65535) {
+    return "table " + std::to_string(r.table);
+  }
+  return "";
+}
+
+std::string implausible(const RouteTableId& t) {
+  if (t.table == 0 || (t.table >= 253 && t.table <= 255) || t.table > 65535) {
+    return "table " + std::to_string(t.table);
+  }
+  return "";
+}
+
+// Writes all of `text` to `fd`; false on any failure (a full disk says so
+// here, as ENOSPC).
+bool writeAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+std::string recordText(const PolicyRule& r) { return ruleText(r); }
+std::string recordText(const RouteTableId& t) { return tableText(t); }
+
 bool current(bool c) { return c; }
 template <typename Held>
 bool current(const Held& h) {
@@ -53,27 +93,51 @@ std::vector<Key> keys(const std::map<Key, Value>& held, bool onlyPrevious) {
 }  // namespace
 
 void StateJournal::load() {
-  std::ifstream in(path_);
-  if (in) {
-    try {
-      const auto j = nlohmann::json::parse(in);
-      for (const auto& r : j.value("rules", nlohmann::json::array())) {
-        const PolicyRule rule{r.at(0).get<int>() == 6, r.at(1).get<uint32_t>(),
-                              r.at(2).get<uint32_t>(), r.at(3).get<uint32_t>()};
-        rules_[rule] = {false, nexthopOfText(r.size() > 4 ? r.at(4).get<std::string>() : "")};
-      }
-      for (const auto& t : j.value("tables", nlohmann::json::array())) {
-        tables_[{t.at(0).get<int>() == 6, t.at(1).get<uint32_t>()}] = false;
-      }
-    } catch (const nlohmann::json::exception&) {
-      // A damaged snapshot records nothing usable; the journal may still.
-    }
-  }
+  loadSnapshot();
   std::ifstream journal(journalPath());
   for (std::string line; std::getline(journal, line);) {
     replay(line);
     ++journalLines_;
   }
+}
+
+void StateJournal::loadSnapshot() {
+  std::ifstream in(path_);
+  if (!in) return;
+  // Read whole first: what a damaged file held is not known, so none of it
+  // counts as the previous run's (its numbers stay another tool's).
+  std::map<PolicyRule, HeldRule> rules;
+  std::map<RouteTableId, bool> tables;
+  try {
+    const auto j = nlohmann::json::parse(in);
+    for (const auto& r : j.at("rules")) {
+      const PolicyRule rule{r.at(0).get<int>() == 6, r.at(1).get<uint32_t>(),
+                            r.at(2).get<uint32_t>(), r.at(3).get<uint32_t>()};
+      if (refused(rule, path_)) continue;
+      rules[rule] = {false, nexthopOfText(r.size() > 4 ? r.at(4).get<std::string>() : "")};
+    }
+    for (const auto& t : j.at("tables")) {
+      const RouteTableId table{t.at(0).get<int>() == 6, t.at(1).get<uint32_t>()};
+      if (refused(table, path_)) continue;
+      tables[table] = false;
+    }
+  } catch (const nlohmann::json::exception& e) {
+    problems_.push_back(path_ + " is damaged (" + e.what() +
+                        "): the previous run's rules and tables it named are not known, and are "
+                        "left alone as another tool's");
+    return;
+  }
+  rules_ = std::move(rules);
+  tables_ = std::move(tables);
+}
+
+template <typename Record>
+bool StateJournal::refused(const Record& record, const std::string& where) {
+  const std::string why = implausible(record);
+  if (why.empty()) return false;
+  problems_.push_back("ignored " + recordText(record) + " in " + where + ": " + why +
+                      " is a number waymark never hands out; left alone");
+  return true;
 }
 
 // A line that does not read is skipped: each is written whole in one call,
@@ -89,6 +153,7 @@ void StateJournal::replay(const std::string& line) {
     if (!(words >> r.priority >> r.mark >> r.table)) return;
     std::string nexthop;
     words >> nexthop;
+    if (refused(r, journalPath())) return;
     if (what[0] == '+') {
       rules_[r] = {false, nexthopOfText(nexthop)};
     } else {
@@ -97,6 +162,7 @@ void StateJournal::replay(const std::string& line) {
   } else if (what == "+table" || what == "-table") {
     RouteTableId t{v6, 0};
     if (!(words >> t.table)) return;
+    if (refused(t, journalPath())) return;
     if (what[0] == '+') {
       tables_[t] = false;
     } else {
@@ -105,11 +171,15 @@ void StateJournal::replay(const std::string& line) {
   }
 }
 
-void StateJournal::ruleHeld(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop) {
-  const auto [it, added] = rules_.insert({rule, {true, nexthop}});
-  it->second.current = true;
-  if (added || it->second.nexthop != nexthop) append("+" + ruleText(rule) + nexthopText(nexthop));
-  it->second.nexthop = nexthop;
+bool StateJournal::ruleHeld(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop) {
+  const auto it = rules_.find(rule);
+  if (it != rules_.end() && it->second.nexthop == nexthop) {
+    it->second.current = true;
+    return true;
+  }
+  if (!append("+" + ruleText(rule) + nexthopText(nexthop))) return false;
+  rules_[rule] = {true, nexthop};
+  return true;
 }
 
 Velnet::IpGenAddr StateJournal::nexthopOf(const PolicyRule& rule) const {
@@ -121,10 +191,15 @@ void StateJournal::ruleReleased(const PolicyRule& rule) {
   if (rules_.erase(rule) != 0) append("-" + ruleText(rule));
 }
 
-void StateJournal::tableHeld(const RouteTableId& table) {
-  const auto [it, added] = tables_.insert({table, true});
-  it->second = true;
-  if (added) append("+" + tableText(table));
+bool StateJournal::tableHeld(const RouteTableId& table) {
+  const auto it = tables_.find(table);
+  if (it != tables_.end()) {
+    it->second = true;
+    return true;
+  }
+  if (!append("+" + tableText(table))) return false;
+  tables_[table] = true;
+  return true;
 }
 
 void StateJournal::tableReleased(const RouteTableId& table) {
@@ -136,22 +211,30 @@ std::vector<RouteTableId> StateJournal::leftoverTables() const { return keys(tab
 std::vector<PolicyRule> StateJournal::rules() const { return keys(rules_, false); }
 std::vector<RouteTableId> StateJournal::tables() const { return keys(tables_, false); }
 
-void StateJournal::append(const std::string& line) {
+bool StateJournal::append(const std::string& line) {
   if (!journal_.valid()) {
     std::error_code ec;
     const std::filesystem::path parent = std::filesystem::path(path_).parent_path();
     if (!parent.empty()) std::filesystem::create_directories(parent, ec);
     journal_ = Kernel::FileDescriptor(
-        ::open(journalPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+        ::open(journalPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    // One left by a run under another umask, or by hand, is made private.
+    if (journal_.valid()) fchmod(journal_.get(), 0600);
   }
-  const std::string text = line + "\n";
-  if (!journal_.valid() ||
-      ::write(journal_.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    error_ = "cannot write " + journalPath();
-    return;
+  const off_t before = journal_.valid() ? lseek(journal_.get(), 0, SEEK_END) : -1;
+  // Not synced: the journal records what the running kernel holds, which a
+  // power loss takes away too, while a daemon killed after the write leaves
+  // the line in the page cache for the next run.
+  if (!journal_.valid() || !writeAll(journal_.get(), line + "\n")) {
+    error_ = "cannot write " + journalPath() + ": " + std::strerror(errno);
+    // A line cut short would hide the next one: what was written of it goes.
+    if (before >= 0 && ftruncate(journal_.get(), before) != 0) journal_.reset();
+    return false;
   }
+  error_.clear();
   ++journalLines_;
   if (journalLines_ > kJournalSlack + 2 * size()) compact();
+  return true;
 }
 
 bool StateJournal::compact() {
@@ -163,18 +246,20 @@ bool StateJournal::compact() {
   nlohmann::json tables = nlohmann::json::array();
   for (const auto& [t, current] : tables_) tables.push_back({familyNumber(t.v6), t.table});
   const std::string temporary = path_ + ".tmp";
-  {
-    std::ofstream out(temporary, std::ios::trunc);
-    out << nlohmann::json{{"rules", rules}, {"tables", tables}}.dump() << "\n";
-    if (!out) {
-      error_ = "cannot write " + temporary;
-      return false;
-    }
-  }
-  if (std::rename(temporary.c_str(), path_.c_str()) != 0) {
-    error_ = "cannot rename " + temporary + " to " + path_;
+  // The snapshot in place is replaced only by one written whole and durably.
+  Kernel::FileDescriptor out(
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  // A file system may report a failed write only when the file is closed.
+  const bool written =
+      out.valid() &&
+      writeAll(out.get(), nlohmann::json{{"rules", rules}, {"tables", tables}}.dump() + "\n") &&
+      fsync(out.get()) == 0 && ::close(out.release()) == 0;
+  if (!written || std::rename(temporary.c_str(), path_.c_str()) != 0) {
+    error_ = "cannot write " + temporary + ": " + std::strerror(errno);
+    std::remove(temporary.c_str());
     return false;
   }
+  syncDirectory();
   // The snapshot now holds everything the journal said; replayed over it,
   // the old lines would change nothing, so a crash before this is harmless.
   if (journal_.valid() && ftruncate(journal_.get(), 0) != 0) {
@@ -183,6 +268,13 @@ bool StateJournal::compact() {
   }
   journalLines_ = 0;
   return true;
+}
+
+void StateJournal::syncDirectory() const {
+  const std::filesystem::path parent = std::filesystem::path(path_).parent_path();
+  const Kernel::FileDescriptor dir(
+      ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir.valid()) fsync(dir.get());
 }
 
 void StateJournal::remove() {

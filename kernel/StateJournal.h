@@ -38,12 +38,18 @@ class StateJournal {
   std::string journalPath() const { return path_ + ".journal"; }
 
   // Reads the snapshot and replays the journal over it; all of it is the
-  // previous run's. A missing or damaged file records nothing.
+  // previous run's. A missing file records nothing; a damaged snapshot, and
+  // any rule or table with a number waymark never hands out, record nothing
+  // either, and say so in problems(): those numbers are left alone as
+  // another tool's, never taken for free and never deleted.
   void load();
 
-  void ruleHeld(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop);
+  // Records an addition before the command that makes it true runs; false
+  // (nothing recorded, error() says why) when it cannot be written: the
+  // command must then not run.
+  bool ruleHeld(const PolicyRule& rule, const Velnet::IpGenAddr& nexthop);
   void ruleReleased(const PolicyRule& rule);
-  void tableHeld(const RouteTableId& table);
+  bool tableHeld(const RouteTableId& table);
   void tableReleased(const RouteTableId& table);
 
   bool holds(const PolicyRule& rule) const { return rules_.count(rule) != 0; }
@@ -58,19 +64,28 @@ class StateJournal {
   // The nexthop a held rule routes to (unset when not recorded).
   Velnet::IpGenAddr nexthopOf(const PolicyRule& rule) const;
 
-  // Rewrites the snapshot from what is held and empties the journal.
+  // Rewrites the snapshot from what is held (to a temporary file written
+  // and synced whole, renamed into place, the directory synced) and
+  // empties the journal; on any failure the snapshot in place stays.
   bool compact();
   // Deletes the file and its journal.
   void remove();
 
   // Lines in the journal now.
   size_t journalLines() const { return journalLines_; }
-  // The last failure to write, or "".
+  // The last failure to write, or "" once a write succeeded again.
   const std::string& error() const { return error_; }
+  // What load() found and would not trust.
+  const std::vector<std::string>& problems() const { return problems_; }
 
  private:
-  void append(const std::string& line);
+  bool append(const std::string& line);
   void replay(const std::string& line);
+  void loadSnapshot();
+  // Whether `record` is refused as one allocation cannot produce; says so.
+  template <typename Record>
+  bool refused(const Record& record, const std::string& where);
+  void syncDirectory() const;
 
   std::string path_;
   Kernel::FileDescriptor journal_;
@@ -84,6 +99,7 @@ class StateJournal {
   std::map<PolicyRule, HeldRule> rules_;
   std::map<RouteTableId, bool> tables_;
   std::string error_;
+  std::vector<std::string> problems_;
 };
 
 }  // namespace Kernel

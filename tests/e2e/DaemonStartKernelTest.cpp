@@ -84,6 +84,13 @@ TEST_F(DaemonStartKernelTest, TheSocketAnswersWhileTheFileIsReadAndTheStartGoesO
   EXPECT_EQ(Waymark::controlRequest(socket, {{"command", "idle"}})["idle"], false);
   EXPECT_EQ(Waymark::controlRequest(socket, {{"command", "reload"}})["error"],
             "waymarkd is reading its configuration");
+  // waymarkctl says the daemon's own words.
+  const std::string counters =
+      ns.run(std::string(WAYMARK_BINARY_DIR) + "/cli/waymarkctl --socket " + socket +
+             " counters 2>&1; echo exit $?");
+  EXPECT_NE(counters.find("waymarkctl: waymarkd is reading its configuration\nexit 1"),
+            std::string::npos)
+      << counters;
 
   std::FILE* f = std::fopen(config.c_str(), "w");
   std::fputs(kConfig, f);

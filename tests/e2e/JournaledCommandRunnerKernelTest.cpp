@@ -59,6 +59,16 @@ TEST_P(JournaledCommandRunnerKernel, RemovingANexthopEmptiesItsTableAndItsRecord
   EXPECT_EQ(journal_->size(), 0u);
 }
 
+TEST_P(JournaledCommandRunnerKernel, AnAdditionThatCannotBeJournaledNeverReachesTheKernel) {
+  std::filesystem::create_directories(dir_);
+  std::filesystem::create_symlink("/dev/full", dir_ + "/state.json.journal");
+  const auto refused = Pbr::CommandOutcome::exited(Kernel::JournaledCommandRunner::kNotRecorded);
+  EXPECT_EQ(runner_->run(RoutingRequest::addRoute(kNexthop, 300)), refused);
+  EXPECT_EQ(runner_->run(RoutingRequest::addRule(kNexthop, 2, 2, 300)), refused);
+  EXPECT_EQ(ns_->run("ip route show table 300 2>/dev/null; ip rule show priority 2"), "");
+  EXPECT_EQ(journal_->size(), 0u);
+}
+
 TEST_P(JournaledCommandRunnerKernel, ARefusedAddIsForgottenOnlyWhenItsTableIsEmpty) {
   EXPECT_FALSE(runner_->run(RoutingRequest::addRoute(Velnet::IpGenAddr::parse("203.0.113.1"), 302))
                    .succeeded());

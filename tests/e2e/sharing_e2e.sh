@@ -83,6 +83,35 @@ in_ns router "$WAYMARKD" --cleanup --state "$RUN/state.json" >/dev/null 2>&1
 check "after --cleanup" "$(foreign_state)" "$theirs"
 check "--cleanup removed waymark's own" "$(rules | grep -c fwmark)" 0
 
+echo "== bad state paths"
+refused=$(ip netns exec "$LAB-router" "$WAYMARKD" --config "$CONFIG" --socket "$RUN/other.sock" \
+  --state "$RUN" 2>&1; echo "exit $?")
+check "--state naming a directory is refused" "$(echo "$refused" | tail -2 | tr '\n' ' ')" \
+  "waymarkd: --state names a directory, not a file: $RUN exit 1 "
+
+echo "== a state journal naming the kernel's own rules and tables is not believed"
+kernel_own() {
+  in_ns router ip rule; in_ns router ip -6 rule
+  in_ns router ip route show table main; in_ns router ip route show table local
+  in_ns router ip -6 route show table main
+}
+own_before=$(kernel_own)
+printf '+rule 4 0 5 255\n+rule 4 32766 5 254\n+rule 4 32767 5 253\n+rule 6 32766 5 254\n+table 4 254\n+table 4 255\n+table 6 254\n+table 4 0\n' \
+  >> "$RUN/state.json.journal"
+mask=$(umask); umask 000
+lab_start_daemon "$CONFIG" >/dev/null
+umask "$mask"
+check "under umask 000 the state is the daemon's alone" \
+  "$(stat -c %a "$RUN/state.json" "$RUN/state.json.journal" "$RUN/waymarkd.sock" | sort -u)" 600
+check "a start leaves the kernel's rules and tables" "$(kernel_own | grep -v fwmark)" "$(echo "$own_before" | grep -v fwmark)"
+check "...steers" "$(lab_arrived 4 tcp 80)" nh1
+check "...and says what it did not trust" "$(lab_ctl status --json | jq '.journal.problems | length')" 8
+check "...as warnings too" "$(lab_ctl status --json | jq '[.warnings[] | select(test("never hands out"))] | length')" 8
+lab_stop_daemon
+printf '+rule 4 0 5 255\n+table 4 254\n' >> "$RUN/state.json.journal"
+in_ns router "$WAYMARKD" --cleanup --state "$RUN/state.json" >/dev/null 2>&1
+check "--cleanup leaves them too" "$(kernel_own | grep -v fwmark)" "$(echo "$own_before" | grep -v fwmark)"
+
 echo "== another tool's mangle rules"
 in_ns router iptables -t mangle -A FORWARD -p tcp --tcp-flags SYN,RST SYN -j TCPMSS --clamp-mss-to-pmtu
 in_ns router ip6tables -t mangle -N OPERATOR

@@ -101,6 +101,56 @@ TEST_F(StateJournalTest, ACutLastLineAndADamagedSnapshotLoseOnlyThemselves) {
   const StateJournal j = reopened();
   EXPECT_EQ(j.rules(), std::vector<PolicyRule>{kRule});
   EXPECT_EQ(j.tables(), std::vector<RouteTableId>{(RouteTableId{true, 9})});
+  ASSERT_EQ(j.problems().size(), 1u);
+  EXPECT_NE(j.problems()[0].find("state.json is damaged"), std::string::npos) << j.problems()[0];
+}
+
+TEST_F(StateJournalTest, NumbersAllocationNeverHandsOutAreLeftAloneAndSaid) {
+  std::filesystem::create_directories(dir_);
+  // The kernel's own rules and tables (local, main, default), priority 0,
+  // the mark never handed out, a table past 16 bits: none may ever be
+  // deleted as waymark's.
+  std::ofstream(path_) << R"({"rules": [[4, 0, 5, 7, ""], [4, 32766, 5, 254, ""],
+    [6, 32767, 5, 253, ""], [4, 5, 13429, 7, ""], [4, 6, 0, 7, ""], [4, 2, 2, 2, "192.0.2.1"]],
+    "tables": [[4, 254], [6, 255], [4, 0], [4, 70000], [4, 2]]})";
+  std::ofstream(path_ + ".journal") << "+rule 4 32766 9 9\n+table 4 253\n+rule 6 3 3 3\n"
+                                       "-table 4 254\n";
+  const StateJournal j = reopened();
+  EXPECT_EQ(j.rules(), (std::vector<PolicyRule>{kRule, kRule6}));
+  EXPECT_EQ(j.tables(), std::vector<RouteTableId>{(RouteTableId{false, 2})});
+  EXPECT_EQ(j.problems().size(), 12u);
+  EXPECT_NE(j.problems()[0].find("ignored rule 4 0 5 7 in " + path_ +
+                                 ": priority 0 is a number waymark never hands out"),
+            std::string::npos)
+      << j.problems()[0];
+}
+
+TEST_F(StateJournalTest, AnAdditionThatCannotBeWrittenIsNotRecordedUntilThereIsRoomAgain) {
+  std::filesystem::create_directories(dir_);
+  std::filesystem::create_symlink("/dev/full", path_ + ".journal");
+  StateJournal j(path_);
+  EXPECT_FALSE(j.ruleHeld(kRule, kNexthop));
+  EXPECT_FALSE(j.tableHeld({false, 2}));
+  EXPECT_FALSE(j.holds(kRule));
+  EXPECT_NE(j.error().find("No space left on device"), std::string::npos) << j.error();
+
+  std::filesystem::remove(path_ + ".journal");
+  EXPECT_TRUE(j.ruleHeld(kRule, kNexthop));
+  EXPECT_EQ(j.error(), "");
+  EXPECT_EQ(reopened().rules(), std::vector<PolicyRule>{kRule});
+}
+
+TEST_F(StateJournalTest, ACompactionThatCannotBeWrittenKeepsTheSnapshotInPlace) {
+  StateJournal j(path_);
+  j.ruleHeld(kRule, kNexthop);
+  ASSERT_TRUE(j.compact());
+  std::filesystem::create_symlink("/dev/full", path_ + ".tmp");
+  j.ruleHeld(kRule6, kNexthop);
+  EXPECT_FALSE(j.compact());
+  EXPECT_NE(j.error().find(".tmp"), std::string::npos) << j.error();
+  const StateJournal next = reopened();
+  EXPECT_TRUE(next.problems().empty());
+  EXPECT_EQ(next.rules(), (std::vector<PolicyRule>{kRule, kRule6}));
 }
 
 TEST_F(StateJournalTest, ACompactionInterruptedBeforeTheJournalIsEmptiedChangesNothing) {
