@@ -274,7 +274,8 @@ nlohmann::json controlRequest(const std::string& path, const nlohmann::json& req
     throw std::runtime_error("cannot reach waymarkd at " + path + ": " + std::strerror(errno));
   }
   const auto deadline = Clock::now() + std::chrono::seconds(30);
-  writeAll(fd.get(), request.dump() + "\n", deadline);
+  writeAll(fd.get(), request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
+           deadline);
   const auto reply = readMessage(fd.get(), 1u << 30, deadline);
   if (!reply || reply->empty()) throw std::runtime_error("no reply from waymarkd at " + path);
   return nlohmann::json::parse(*reply);

@@ -160,6 +160,25 @@ lab_ctl wait-idle --timeout 60 >/dev/null
 check "once programming may run, the start completes" \
   "$(lab_ctl status --json | tr -d '\n' | grep -o '"phase": *"[^"]*"' | cut -d'"' -f4)" running
 
+echo "== an interface name that is not UTF-8 is data"
+odd=$(printf 'x\xff\xfe'); peer=$(printf 'y\xc3')
+in_ns router ip link add "$odd" type veth peer name "$peer"
+in_ns router ip link set "$odd" up
+in_ns router ip addr add 198.51.100.200/26 dev "$odd"
+lab_ctl wait-idle --timeout 60 >/dev/null
+for c in status nexthops policies counters events; do
+  check "$c --json is valid JSON" "$(lab_ctl "$c" --json | jq -e . >/dev/null && echo valid)" valid
+done
+# The name travels as valid UTF-8, its bad bytes replaced, and so names no
+# interface: the daemon says so.
+check "explain of it is refused in words" "$(lab_ctl explain --in "$odd" --proto tcp \
+  --src 192.0.2.10 --dst 203.0.113.200 --dport 80 --json 2>&1)" "--in must name an interface"
+check "metrics are served" "$(lab_ctl metrics | grep -c '^waymark_idle ')" 1
+check "the name is shown with its bad bytes replaced" \
+  "$(lab_ctl status --json | jq -r '.interfaces | keys[]' | grep -c "^x$(printf '\xef\xbf\xbd')")" 1
+check "the daemon still runs" "$(kill -0 "$DAEMON" && echo yes)" yes
+in_ns router ip link del "$odd"
+
 echo "== --cleanup leaves no trace"
 lab_stop_daemon
 in_ns router "$WAYMARKD" --cleanup --config "$CONFIG" --state "$RUN/state.json" 2>/dev/null
