@@ -1,10 +1,15 @@
 #include "daemon/ConfigLoader.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <ctime>
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "daemon/YamlDocument.h"
 #include "framework/Errors.h"
@@ -249,6 +254,14 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
     }
     return YamlNode();
   };
+  // A key with nothing after it is what a file cut short looks like:
+  // emptiness is said explicitly.
+  for (const auto& [key, value] : top) {
+    if (!value.isNull()) continue;
+    r.fail(key, "section " + Vix::quoted(key.scalar()) +
+                    " has no value (is the file cut short?); write '" + key.scalar() +
+                    ": {}' to mean none");
+  }
   if (const auto groups = section("nexthop-groups"); groups && !groups.isNull()) {
     for (const auto& [key, value] : r.entries(groups, "nexthop-groups")) {
       const std::string n = r.name(key, "nexthop group name");
@@ -331,6 +344,11 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
                    [&](const char* name) { return static_cast<bool>(section(name)); })) {
     r.fail(root, kEmpty);
   }
+  if (!model.policyMaps.empty() && !section("interfaces")) {
+    r.fail(root,
+           "policies are defined but there is no interfaces section (is the file cut short?); "
+           "write 'interfaces: {}' to apply no policy on purpose");
+  }
   return model;
 }
 
@@ -359,12 +377,63 @@ ConfigModel ConfigLoader::loadString(const std::string& text, const std::string&
   }
 }
 
-ConfigModel ConfigLoader::loadFile(const std::string& path) {
+namespace {
+
+std::string readAll(const std::string& path) {
   std::ifstream in(path);
   if (!in) throw ConfigError(path + ": cannot be read");
   std::stringstream text;
   text << in.rdbuf();
-  return loadString(text.str(), path);
+  return text.str();
+}
+
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+         a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+// Seconds since the file last changed; 0 for a time in the future, which
+// cannot be judged.
+double age(const struct stat& st) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const double changed =
+      static_cast<double>(std::max(st.st_mtim.tv_sec, st.st_ctim.tv_sec)) +
+      (st.st_mtim.tv_sec >= st.st_ctim.tv_sec ? st.st_mtim.tv_nsec : st.st_ctim.tv_nsec) * 1e-9;
+  const double seconds = static_cast<double>(now.tv_sec) + now.tv_nsec * 1e-9 - changed;
+  return seconds < 0 ? ConfigLoader::kQuietSeconds : seconds;
+}
+
+}  // namespace
+
+std::string ConfigLoader::readStable(const std::string& path) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::duration<double>(kStableWithinSeconds);
+  while (true) {
+    struct stat before {};
+    if (::stat(path.c_str(), &before) != 0) throw ConfigError(path + ": cannot be read");
+    // A pipe or a device has no times to go by: it is read as it comes.
+    if (!S_ISREG(before.st_mode)) return readAll(path);
+    const double quietFor = age(before);
+    const bool late = std::chrono::steady_clock::now() >= deadline;
+    if (quietFor < kQuietSeconds) {
+      if (late) {
+        throw ConfigError(path + ": still being written (it kept changing for " +
+                          Vix::format("%g", kStableWithinSeconds) + " s)");
+      }
+      std::this_thread::sleep_for(std::chrono::duration<double>(kQuietSeconds - quietFor));
+      continue;
+    }
+    std::string text = readAll(path);
+    struct stat after {};
+    if (::stat(path.c_str(), &after) == 0 && sameFile(before, after)) return text;
+    if (late) throw ConfigError(path + ": changed while it was read");
+  }
+}
+
+ConfigModel ConfigLoader::loadFile(const std::string& path) {
+  return loadString(readStable(path), path);
 }
 
 }  // namespace Waymark

@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
+#include <cstdio>
+
+#include <chrono>
+
 #include <string>
 
 namespace Waymark {
@@ -86,7 +92,8 @@ TEST(ConfigLoaderTest, AnAnchorLetsClassesShareANexthopList) {
       "access-lists: {a: [permit ip any any], b: [permit udp any any]}\n"
       "class-maps: {a: [a], b: [b]}\n"
       "policy-maps:\n  p:\n    - {class: a, nexthops: &pair [192.0.2.1, 192.0.2.2]}\n"
-      "    - {class: b, nexthops: *pair}\n",
+      "    - {class: b, nexthops: *pair}\n"
+      "interfaces: {}\n",
       "f");
   const auto& classes = m.policyMaps.at(0).second;
   ASSERT_EQ(classes.size(), 2u);
@@ -105,6 +112,23 @@ TEST(ConfigLoaderTest, AnEmptyOrCutShortFileIsRefusedAndNoPoliciesMustBeSaid) {
   const auto m = ConfigLoader::loadString("policy-maps: {}\n", "f");
   EXPECT_TRUE(m.policyMaps.empty());
   EXPECT_EQ(m.tunables, Tunables());
+}
+
+// Cut at the line before `interfaces:`, or right after it, a valid-looking
+// file would unbind every interface.
+TEST(ConfigLoaderTest, ASectionWithoutValueOrPoliciesWithoutInterfacesAreRefused) {
+  const std::string policies =
+      "access-lists: {a: [permit ip any any]}\nclass-maps: {c: [a]}\n"
+      "policy-maps:\n  p:\n    - {class: c, nexthops: [192.0.2.1]}\n";
+  EXPECT_EQ(error(policies + "interfaces:\n"),
+            "waymark.yaml:6:1: section 'interfaces' has no value (is the file cut short?); write "
+            "'interfaces: {}' to mean none");
+  EXPECT_EQ(error(policies),
+            "waymark.yaml:1:1: policies are defined but there is no interfaces section (is the "
+            "file cut short?); write 'interfaces: {}' to apply no policy on purpose");
+  EXPECT_EQ(error("health-checks:\npolicy-maps: {}\n").substr(0, 50),
+            "waymark.yaml:1:1: section 'health-checks' has no v");
+  EXPECT_TRUE(ConfigLoader::loadString(policies + "interfaces: {}\n", "f").interfaces.empty());
 }
 
 TEST(ConfigLoaderTest, ANexthopGroupIsResolvedIntoItsClassesAndMustBeDefined) {
@@ -220,4 +244,17 @@ TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
 }
 
 }  // namespace
+// An editor rewriting the file in place is not read in the middle of it.
+TEST(ConfigLoaderTest, AFileJustWrittenIsReadOnlyOnceItHasBeenQuiet) {
+  const std::string path = testing::TempDir() + "waymark-stable-" + std::to_string(getpid());
+  std::ofstream(path) << "policy-maps: {}\n";
+  const auto written = std::chrono::steady_clock::now();
+  EXPECT_EQ(ConfigLoader::readStable(path), "policy-maps: {}\n");
+  const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - written;
+  // File times are kept in clock ticks: a few milliseconds of slack.
+  EXPECT_GE(waited.count(), ConfigLoader::kQuietSeconds - 0.02);
+  std::remove(path.c_str());
+  EXPECT_THROW(ConfigLoader::readStable(path), ConfigError);
+}
+
 }  // namespace Waymark

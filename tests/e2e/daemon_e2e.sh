@@ -147,11 +147,15 @@ rm -f "$RUN/waymarkd.sock"
 ip netns exec "$LAB-router" "$WAYMARKD" --config "$RUN/held.yaml" --socket "$RUN/waymarkd.sock" \
   --state "$RUN/state.json" >>"$RUN/waymarkd.log" 2>&1 &
 DAEMON=$!
-phase=""
+phase=""; first=""
 for _ in $(seq 1500); do
-  phase=$(lab_ctl status --json 2>/dev/null | tr -d '\n' | grep -o '"phase": *"[^"]*"' | cut -d'"' -f4) && [ -n "$phase" ] && break
+  phase=$(lab_ctl status --json 2>/dev/null | tr -d '\n' | grep -o '"phase": *"[^"]*"' | cut -d'"' -f4)
+  [ -z "$first" ] && first=$phase
+  [ "$phase" = "programming nexthops" ] && break
   sleep 0.02
 done
+# The file was written just now: it is read once it has been quiet.
+check "the first answer is that the file is being read" "$first" "reading configuration"
 check "a start held at its nexthops answers with its phase" "$phase" "programming nexthops"
 check "...and is not idle" "$(lab_ctl wait-idle --timeout 0.2 >/dev/null 2>&1; echo $?)" 1
 check "traffic keeps its old steering meanwhile" "$(lab_arrived 4 tcp 80)" nh1
