@@ -1,6 +1,7 @@
 #include "daemon/ShadowIndex.h"
 
 #include <algorithm>
+#include <functional>
 
 #include "daemon/ConfigLinter.h"
 #include "net/Ip6Prefix.h"
@@ -102,6 +103,15 @@ struct ShadowIndex::Bucket {
   // Entries with destination ports, by destination port.
   PortStab byDestination;
 };
+
+size_t ShadowIndex::KeyHash::operator()(const Key& k) const {
+  const auto& [v6, protocol, srcLen, src, dstLen, dst] = k;
+  size_t h = std::hash<uint64_t>()((uint64_t(v6) << 40) | (uint64_t(protocol) << 16) |
+                                   (uint64_t(srcLen + 1) << 8) | uint64_t(dstLen + 1));
+  h ^= src.hash() + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+  h ^= dst.hash() + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+  return h;
+}
 
 ShadowIndex::ShadowIndex() = default;
 ShadowIndex::~ShadowIndex() = default;

@@ -15,7 +15,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -46,7 +45,11 @@ class ShadowIndex {
   // (-1 for any) and the prefixes' networks.
   using Key = std::tuple<bool, uint16_t, int, Velnet::IpGenAddr, int, Velnet::IpGenAddr>;
 
-  std::map<Key, std::unique_ptr<Bucket>> buckets_;
+  struct KeyHash {
+    size_t operator()(const Key& k) const;
+  };
+
+  std::unordered_map<Key, std::unique_ptr<Bucket>, KeyHash> buckets_;
   // The prefix lengths in use per family (false: IPv4), -1 for any.
   std::set<int> srcLengths_[2];
   std::set<int> dstLengths_[2];

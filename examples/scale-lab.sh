@@ -55,72 +55,60 @@ generate() {
   } > "$3"
 }
 
-# S sub-rules in one policy of C classes (S / C rules each, IPv4 and IPv6
-# classes alternating) over N nexthops, applied to one interface; each class
-# forwards to two nexthops of its family.
-generate_one_policy() {  # S N C FILE
-  local s=$1 n=$2 classes=$3 per=$(( $1 / $3 )) c r fam
-  {
-    echo "tunables:"
-    echo "  command-executor: shell"
-    echo "access-lists:"
-    for c in $(seq 0 $((classes - 1))); do
-      fam=$((c % 2))
-      echo "  l$c:"
-      [ $fam = 1 ] && echo "    ipv6: true"
-      echo "    rules:"
-      for r in $(seq 0 $((per - 1))); do
-        [ $fam = 0 ] && echo "      - permit tcp any any eq $((1000 + c * per + r))" \
-                     || echo "      - permit udp any any eq $((1000 + c * per + r))"
-      done
-    done
-    echo "class-maps:"
-    for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
-    echo "policy-maps:"
-    echo "  p0:"
-    for c in $(seq 0 $((classes - 1))); do policy_class "$c" "$n"; done
-    echo "interfaces:"
-    echo "  in0: p0"
-  } > "$4"
+# The sections of one policy of C classes of PER rules each (IPv4 and IPv6
+# classes alternating), applied to one interface, each class forwarding to
+# two nexthops of its family out of N; `RULE K FAM` prints the K-th rule's
+# line (K from 0, FAM 1 for IPv6).
+one_policy() {  # C PER N RULE
+  local classes=$1 per=$2 n=$3 rule=$4 c r fam
+  echo "access-lists:"
+  for c in $(seq 0 $((classes - 1))); do
+    fam=$((c % 2))
+    echo "  l$c:"
+    [ $fam = 1 ] && echo "    ipv6: true"
+    echo "    rules:"
+    for r in $(seq 0 $((per - 1))); do "$rule" $((c * per + r)) "$fam"; done
+  done
+  echo "class-maps:"
+  for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
+  echo "policy-maps:"
+  echo "  p0:"
+  for c in $(seq 0 $((classes - 1))); do policy_class "$c" "$n"; done
+  echo "interfaces:"
+  echo "  in0: p0"
 }
 
-# S sub-rules in one policy, of shapes a large configuration has: hosts and
-# prefixes, single ports, lists and ranges, TCP flags, both families.
+# One port rule: TCP for IPv4, UDP for IPv6.
+port_rule() {  # K FAM
+  [ "$2" = 0 ] && echo "      - permit tcp any any eq $((1000 + $1))" \
+               || echo "      - permit udp any any eq $((1000 + $1))"
+}
+
+# Rules of the shapes a large configuration has: hosts and prefixes, single
+# ports, lists and ranges, TCP flags, both families.
+varied_rule() {  # K FAM
+  local k=$1
+  if [ "$2" = 1 ]; then
+    # Decimal digits read as hexadecimal groups: no process per line.
+    echo "      - permit tcp any 2001:db8:$((k % 10000)):$((k / 10000))::/64 gt $((k % 60000))"
+    return
+  fi
+  case $((k % 4)) in
+    0) echo "      - permit tcp any host 198.51.$((k / 250 % 250)).$((k % 250 + 1)) eq $((1024 + k % 60000))" ;;
+    1) echo "      - permit udp 203.0.$((k % 250)).0/24 any range $((1024 + k % 50000)) $((1030 + k % 50000))" ;;
+    2) echo "      - permit tcp 192.0.$((k % 250)).0/24 eq 80 443 any syn" ;;
+    *) echo "      - permit icmp host 192.0.2.$((k % 250 + 1)) 10.$((k / 65536 % 250)).$((k / 256 % 256)).$((k % 256))/32" ;;
+  esac
+}
+
+# S sub-rules in one policy of C classes over N nexthops.
+generate_one_policy() {  # S N C FILE
+  { printf 'tunables:\n  command-executor: shell\n'; one_policy "$3" $(($1 / $3)) "$2" port_rule; } > "$4"
+}
+
+# S sub-rules of varied shapes in one policy (50 rules a class).
 generate_varied() {  # S FILE
-  local s=$1 per=50 classes c r k fam
-  classes=$((s / per))
-  {
-    echo "access-lists:"
-    for c in $(seq 0 $((classes - 1))); do
-      fam=$((c % 2))
-      echo "  l$c:"
-      [ $fam = 1 ] && echo "    ipv6: true"
-      echo "    rules:"
-      for r in $(seq 0 $((per - 1))); do
-        k=$((c * per + r))
-        if [ $fam = 0 ]; then
-          case $((r % 4)) in
-            0) echo "      - permit tcp any host 198.51.$((k / 250 % 250)).$((k % 250 + 1)) eq $((1024 + k % 60000))" ;;
-            1) echo "      - permit udp 203.0.$((k % 250)).0/24 any range $((1024 + k % 50000)) $((1030 + k % 50000))" ;;
-            2) echo "      - permit tcp 192.0.$((k % 250)).0/24 eq 80 443 any syn" ;;
-            *) echo "      - permit icmp host 192.0.2.$((k % 250 + 1)) 10.$((k / 65536 % 250)).$((k / 256 % 256)).$((k % 256))/32" ;;
-          esac
-        else
-          echo "      - permit tcp any 2001:db8:$(printf %x $((k % 65000))):$(printf %x $((k / 65000)))::/64 gt $((k % 60000))"
-        fi
-      done
-    done
-    echo "class-maps:"
-    for c in $(seq 0 $((classes - 1))); do echo "  c$c: [l$c]"; done
-    echo "policy-maps:"
-    echo "  p0:"
-    for c in $(seq 0 $((classes - 1))); do
-      echo "    - class: c$c"
-      [ $((c % 2)) = 0 ] && echo "      nexthops: [198.51.100.2]" || echo "      nexthops: ['2001:db8:1::2']"
-    done
-    echo "interfaces:"
-    echo "  in0: p0"
-  } > "$2"
+  one_policy $(($1 / 50)) 50 4 varied_rule > "$2"
 }
 
 # Saves what waymarkd programmed in namespace NS into DIR: the mangle tables
