@@ -261,6 +261,23 @@ std::string KernelSession::routeLookup(const Velnet::IpGenAddr& src, const Velne
   return r.ok() ? line : "no route: " + line;
 }
 
+std::vector<std::string> KernelSession::repairDrift(
+    Pbr::NexthopTableManager& manager, const std::function<bool(const Velnet::IpGenAddr&)>& usable,
+    double now) {
+  auto texts = drift_.run(manager, usable, now);
+  for (auto& text : keepJournal(now)) texts.push_back(std::move(text));
+  return texts;
+}
+
+std::vector<std::string> KernelSession::keepJournal(double now) {
+  if (now - journalCheckedAt_ < 1.0) return {};
+  journalCheckedAt_ = now;
+  if (!journal_.restoreIfGone()) return {};
+  const std::string text = "state file " + journal_.path() +
+                           " or its journal was deleted or replaced: written again from memory";
+  return {text};
+}
+
 void KernelSession::loadJournal() {
   journal_.load();
   for (const auto& problem : journal_.problems()) log_("error: " + problem);

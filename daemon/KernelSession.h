@@ -59,12 +59,11 @@ class KernelSession : public RouterKernel {
   Kernel::IcmpProber& prober() override { return prober_; }
   std::vector<std::string> repairDrift(Pbr::NexthopTableManager& manager,
                                        const std::function<bool(const Velnet::IpGenAddr&)>& usable,
-                                       double now) override {
-    return drift_.run(manager, usable, now);
-  }
+                                       double now) override;
   void resumeDriftRepair() override { drift_.resume(); }
   void suspectDrift() override { drift_.suspect(); }
   double mangleCheckDue() const override { return mangleWatch_.due(); }
+  double journalCheckDue() const override { return journalCheckedAt_ + 1.0; }
   bool mangleSuspected() const override { return mangleWatch_.suspected(); }
   bool mangleDrifted(double now, std::vector<std::string>& out) override;
   void beginRebuild() override { asyncWriter_.hold(); }
@@ -84,6 +83,9 @@ class KernelSession : public RouterKernel {
                           const std::string& in, uint32_t mark) override;
 
  private:
+  // Once a second: the state file or its journal deleted or replaced from
+  // outside is written again from memory; what to say of it, if so.
+  std::vector<std::string> keepJournal(double now);
   // Loads the journal and logs, as errors, what it would not trust.
   void loadJournal();
   // False when the mangle table holds another tool's rules and the
@@ -117,6 +119,7 @@ class KernelSession : public RouterKernel {
   MangleWatch mangleWatch_;
   uint32_t leftoverRulesRemoved_ = 0;
   uint32_t leftoverTablesRemoved_ = 0;
+  double journalCheckedAt_ = -1e9;
 };
 
 }  // namespace Waymark

@@ -107,7 +107,10 @@ double Router::sleepTime() const {
   const double mangle = phase_ == StartupPhase::running && rebuild_ == Rebuild::none && quiet()
                             ? std::max(0.0, kernel_.mangleCheckDue() - clock_.now())
                             : Vix::kNever;
-  return std::min({Vix::activityManager().sleepTime(), health, drift, mangle});
+  const double journal = phase_ == StartupPhase::running
+                             ? std::max(0.0, kernel_.journalCheckDue() - clock_.now())
+                             : Vix::kNever;
+  return std::min({Vix::activityManager().sleepTime(), health, drift, mangle, journal});
 }
 
 void Router::probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from) {

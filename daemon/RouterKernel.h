@@ -76,6 +76,9 @@ class RouterKernel {
   // Compares the routing state on the next turn, as after a removal.
   virtual void suspectDrift() {}
   // When the mangle tables are next compared with what waymark wrote.
+  // When the state file is next looked at (deleted or replaced from
+  // outside); kNever when it is not.
+  virtual double journalCheckDue() const { return Vix::kNever; }
   virtual double mangleCheckDue() const { return 1e300; }
   // Something changed them and the comparison is not done yet.
   virtual bool mangleSuspected() const { return false; }

@@ -101,9 +101,27 @@ void StateJournal::load() {
   }
 }
 
+namespace {
+
+ino_t inodeOf(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+}  // namespace
+
+StateJournal::FileMark StateJournal::markOf(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return {};
+  return {st.st_ino, st.st_size, st.st_ctim.tv_sec * 1'000'000'000LL + st.st_ctim.tv_nsec};
+}
+
+namespace {}  // namespace
+
 void StateJournal::loadSnapshot() {
   std::ifstream in(path_);
   if (!in) return;
+  snapshot_ = markOf(path_);
   // Read whole first: what a damaged file held is not known, so none of it
   // counts as the previous run's (its numbers stay another tool's).
   std::map<PolicyRule, HeldRule> rules;
@@ -260,12 +278,16 @@ bool StateJournal::compact() {
     return false;
   }
   syncDirectory();
+  snapshot_ = markOf(path_);
   // The snapshot now holds everything the journal said; replayed over it,
   // the old lines would change nothing, so a crash before this is harmless.
   if (journal_.valid() && ftruncate(journal_.get(), 0) != 0) {
     error_ = "cannot empty " + journalPath();
     return false;
   }
+  // Without a journal of this run's, whatever is at its path is older than
+  // the snapshot, or not the daemon's.
+  if (!journal_.valid()) std::remove(journalPath().c_str());
   journalLines_ = 0;
   return true;
 }
@@ -275,6 +297,18 @@ void StateJournal::syncDirectory() const {
   const Kernel::FileDescriptor dir(
       ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dir.valid()) fsync(dir.get());
+}
+
+bool StateJournal::restoreIfGone() {
+  struct stat open {};
+  const bool journalGone = journal_.valid() && fstat(journal_.get(), &open) == 0 &&
+                           inodeOf(journalPath()) != open.st_ino;
+  const bool snapshotGone = snapshot_ != FileMark() && markOf(path_) != snapshot_;
+  if (!journalGone && !snapshotGone) return false;
+  // The next line goes to a journal at the path again, after a snapshot of
+  // everything held.
+  journal_.reset();
+  return compact();
 }
 
 void StateJournal::remove() {

@@ -20,7 +20,10 @@
 // for the daemon to remove.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -35,6 +38,7 @@ class StateJournal {
  public:
   explicit StateJournal(std::string path) : path_(std::move(path)) {}
 
+  const std::string& path() const { return path_; }
   std::string journalPath() const { return path_ + ".journal"; }
 
   // Reads the snapshot and replays the journal over it; all of it is the
@@ -70,6 +74,10 @@ class StateJournal {
   bool compact();
   // Deletes the file and its journal.
   void remove();
+  // Whether the snapshot or the journal this run writes was deleted or
+  // replaced from outside and has been written again from what is held in
+  // memory (a snapshot, and an empty journal).
+  bool restoreIfGone();
 
   // Lines in the journal now.
   size_t journalLines() const { return journalLines_; }
@@ -100,6 +108,16 @@ class StateJournal {
   std::map<RouteTableId, bool> tables_;
   std::string error_;
   std::vector<std::string> problems_;
+  // The snapshot as this run last wrote or read it (inode, size, change
+  // time); all 0 for none.
+  struct FileMark {
+    ino_t inode = 0;
+    off_t size = 0;
+    int64_t changed = 0;  // ns
+    bool operator==(const FileMark&) const = default;
+  };
+  FileMark snapshot_;
+  static FileMark markOf(const std::string& path);
 };
 
 }  // namespace Kernel

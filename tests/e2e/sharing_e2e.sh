@@ -103,6 +103,12 @@ lab_start_daemon "$CONFIG" >/dev/null
 umask "$mask"
 check "under umask 000 the state is the daemon's alone" \
   "$(stat -c %a "$RUN/state.json" "$RUN/state.json.journal" "$RUN/waymarkd.sock" | sort -u)" 600
+rm -f "$RUN/state.json" "$RUN/state.json.journal"
+wait_for 20 '[ -s "$RUN/state.json" ]'
+check "a state file deleted while running is written again" \
+  "$(lab_ctl events | grep -c 'or its journal was deleted or replaced: written again from memory')" 1
+check "...with what the daemon holds" "$(jq '.rules | length' "$RUN/state.json")" \
+  "$(lab_ctl status --json | jq '[.nexthops[] | select(.programmed)] | length')"
 check "a start leaves the kernel's rules and tables" "$(kernel_own | grep -v fwmark)" "$(echo "$own_before" | grep -v fwmark)"
 check "...steers" "$(lab_arrived 4 tcp 80)" nh1
 check "...and says what it did not trust" "$(lab_ctl status --json | jq '.journal.problems | length')" 8

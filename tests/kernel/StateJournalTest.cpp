@@ -167,6 +167,29 @@ TEST_F(StateJournalTest, ACompactionInterruptedBeforeTheJournalIsEmptiedChangesN
   EXPECT_EQ(reopened().rules(), std::vector<PolicyRule>{kRule6});
 }
 
+TEST_F(StateJournalTest, AStateFileDeletedOrReplacedWhileRunningIsWrittenAgainFromMemory) {
+  StateJournal j(path_);
+  j.ruleHeld(kRule, kNexthop);
+  ASSERT_TRUE(j.compact());
+  j.ruleHeld(kRule6, kNexthop);
+  EXPECT_FALSE(j.restoreIfGone());
+
+  std::filesystem::remove(path_);
+  std::filesystem::remove(path_ + ".journal");
+  EXPECT_TRUE(j.restoreIfGone());
+  EXPECT_EQ(reopened().rules(), (std::vector<PolicyRule>{kRule, kRule6}));
+  EXPECT_FALSE(j.restoreIfGone());
+
+  // Replaced by another file: that one is not the daemon's record.
+  std::filesystem::remove(path_);
+  std::ofstream(path_) << R"({"rules": [], "tables": []})";
+  j.tableHeld({false, 2});
+  EXPECT_TRUE(j.restoreIfGone());
+  const StateJournal next = reopened();
+  EXPECT_EQ(next.rules(), (std::vector<PolicyRule>{kRule, kRule6}));
+  EXPECT_EQ(next.tables(), std::vector<RouteTableId>{(RouteTableId{false, 2})});
+}
+
 TEST_F(StateJournalTest, RemoveLeavesNothingBehind) {
   StateJournal j(path_);
   j.ruleHeld(kRule, kNexthop);
