@@ -171,6 +171,7 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     const auto reply = Waymark::controlRequest(socket, {{"command", "reload"}});
     if (reply.at("ok").get<bool>()) {
       std::puts("reloaded");
+      std::printf("changes: %s\n", reply.value("planText", "nothing").c_str());
       for (const auto& w : reply.value("warnings", nlohmann::json::array())) {
         std::printf("%s\n", w.get<std::string>().c_str());
       }

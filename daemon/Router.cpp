@@ -13,6 +13,7 @@
 #include "daemon/ConfigLoader.h"
 #include "daemon/MetricsSnapshot.h"
 #include "daemon/PacketMatcher.h"
+#include "daemon/ReloadPlan.h"
 #include "daemon/StatusReport.h"
 #include "framework/ActivityManager.h"
 #include "net/Ip6Prefix.h"
@@ -248,6 +249,9 @@ void Router::applyReload(const std::shared_ptr<ConfigModel>& model, const std::s
     if (done) done(lastReloadError_);
     return;
   }
+  const ReloadPlan plan = ReloadPlan::between(*model_, *model);
+  lastPlan_ = plan.toJson();
+  lastPlanText_ = plan.text();
   model_ = model;
   tunables_ = model_->tunables;
   applyTunables(tunables_);
@@ -256,7 +260,7 @@ void Router::applyReload(const std::shared_ptr<ConfigModel>& model, const std::s
   gate_.requestApply();
   gate_.applyWhenQuiet(*model_, health_.down());
   lastReloadError_.clear();
-  event("reload", "reloaded " + configPath_);
+  event("reload", "reloaded " + configPath_ + ": " + lastPlanText_);
   lint([done] {
     if (done) done("");
   });
@@ -707,7 +711,11 @@ void Router::handle(const nlohmann::json& request, const Reply& reply) {
   const std::string command = request.value("command", "");
   if (command == "reload") {
     reload([this, reply](const std::string& error) {
-      reply({{"ok", error.empty()}, {"error", error}, {"warnings", configWarnings_}});
+      reply({{"ok", error.empty()},
+             {"error", error},
+             {"warnings", configWarnings_},
+             {"plan", error.empty() ? lastPlan_ : nlohmann::json()},
+             {"planText", error.empty() ? lastPlanText_ : "nothing"}});
     });
     return;
   }

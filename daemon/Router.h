@@ -194,6 +194,9 @@ class Router {
   uint32_t reloads_ = 0;
   uint32_t reloadsFailed_ = 0;
   std::string lastReloadError_;
+  // What the last applied reload changed.
+  nlohmann::json lastPlan_;
+  std::string lastPlanText_;
   enum class Rebuild { none, programming, writing };
   Rebuild rebuild_ = Rebuild::none;
   std::string rebuildCause_;

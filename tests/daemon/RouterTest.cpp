@@ -124,6 +124,7 @@ TEST_F(RouterTest, AnAcceptedReloadAppliesOnlyTheDifference) {
   writeConfig(text);
   const auto reply = ask({{"command", "reload"}});
   EXPECT_TRUE(reply["ok"]) << reply;
+  EXPECT_EQ(reply["planText"], "policies changed: edge; classes changed: edge/web");
   ASSERT_TRUE(runUntilIdle());
   bool added = false;
   for (const auto& c : runner.commands) {

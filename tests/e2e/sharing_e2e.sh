@@ -74,7 +74,8 @@ check "a second waymarkd on the same socket is refused" "$(echo "$second" | tail
 cleanup=$(in_ns router "$WAYMARKD" --cleanup --state "$RUN/state.json" 2>&1; echo "exit $?")
 check "--cleanup is refused while the daemon runs" "$(echo "$cleanup" | tail -1)" "exit 4"
 check "the first daemon still answers" "$(lab_ctl status >/dev/null && echo yes)" yes
-check "...still reloads" "$(lab_ctl reload)" reloaded
+check "...still reloads" "$(lab_ctl reload)" "reloaded
+changes: nothing"
 check "...and still steers" "$(lab_arrived 4 tcp 80)" nh1
 check "...and its socket is still there" "$([ -S "$RUN/waymarkd.sock" ] && echo yes)" yes
 
