@@ -1,6 +1,7 @@
 #include "daemon/ReloadPlan.h"
 
 #include <map>
+#include <set>
 #include <utility>
 
 namespace Waymark {
@@ -18,9 +19,23 @@ std::map<std::string, Classes> byName(const ConfigModel& m) {
   return out;
 }
 
+// The lists that differ between the two models (or exist in one only): each
+// list compared once, however many classes use it.
+std::set<std::string> changedLists(const ConfigModel& a, const ConfigModel& b) {
+  std::set<std::string> out;
+  for (const auto& [name, list] : a.accessLists) {
+    const auto other = b.accessLists.find(name);
+    if (other == b.accessLists.end() || !(other->second == list)) out.insert(name);
+  }
+  for (const auto& [name, list] : b.accessLists) {
+    if (a.accessLists.count(name) == 0) out.insert(name);
+  }
+  return out;
+}
+
 // A class also changes when the lists it matches with change.
 bool sameClass(const ConfigModel& a, const PolicyClassSpec& x, const ConfigModel& b,
-               const PolicyClassSpec& y) {
+               const PolicyClassSpec& y, const std::set<std::string>& changed) {
   if (!(x == y)) return false;
   const auto la = a.classMaps.find(x.className);
   const auto lb = b.classMaps.find(y.className);
@@ -28,16 +43,13 @@ bool sameClass(const ConfigModel& a, const PolicyClassSpec& x, const ConfigModel
   if (la == a.classMaps.end()) return true;
   if (la->second != lb->second) return false;
   for (const auto& list : la->second) {
-    const auto xa = a.accessLists.find(list);
-    const auto xb = b.accessLists.find(list);
-    if ((xa == a.accessLists.end()) != (xb == b.accessLists.end())) return false;
-    if (xa != a.accessLists.end() && !(xa->second == xb->second)) return false;
+    if (changed.count(list) != 0) return false;
   }
   return true;
 }
 
 void addAll(std::vector<std::string>& out, const std::string& policy, const Classes& classes) {
-  for (const auto& [name, spec] : classes) out.push_back(policy + "/" + name);
+  for (const auto& [name, entry] : classes) out.push_back(policy + "/" + name);
 }
 
 }  // namespace
@@ -46,6 +58,7 @@ ReloadPlan ReloadPlan::between(const ConfigModel& before, const ConfigModel& aft
   ReloadPlan plan;
   const auto old = byName(before);
   const auto now = byName(after);
+  const auto listsChanged = changedLists(before, after);
   for (const auto& [policy, classes] : now) {
     const auto was = old.find(policy);
     if (was == old.end()) {
@@ -54,17 +67,17 @@ ReloadPlan ReloadPlan::between(const ConfigModel& before, const ConfigModel& aft
       continue;
     }
     bool changed = before.policyMap(policy)->size() != classes.size();
-    for (const auto& [name, spec] : classes) {
+    for (const auto& [name, entry] : classes) {
       const auto c = was->second.find(name);
       if (c == was->second.end()) {
         plan.classesAdded.push_back(policy + "/" + name);
         changed = true;
-      } else if (!sameClass(before, *c->second, after, *spec)) {
+      } else if (!sameClass(before, *c->second, after, *entry, listsChanged)) {
         plan.classesChanged.push_back(policy + "/" + name);
         changed = true;
       }
     }
-    for (const auto& [name, spec] : was->second) {
+    for (const auto& [name, entry] : was->second) {
       if (classes.count(name) != 0) continue;
       plan.classesRemoved.push_back(policy + "/" + name);
       changed = true;

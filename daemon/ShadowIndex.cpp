@@ -21,7 +21,7 @@ Velnet::IpGenAddr network(const Velnet::IpGenAddr& a, int len) {
   return Velnet::Ip6Prefix(a.v6(), len).network();
 }
 
-int lengthOf(const Acl::AddrSpec& spec) { return spec.any ? kAnyAddress : spec.len; }
+int lengthOf(const Acl::AddrSpec& address) { return address.any ? kAnyAddress : address.len; }
 
 // Sets of port intervals over 0-65535 as a segment tree kept sparse: an
 // interval is stored at the O(log) nodes that tile it, so the intervals that

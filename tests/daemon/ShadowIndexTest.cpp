@@ -19,7 +19,7 @@ namespace {
 // and without ports, flags.
 class RandomRules {
  public:
-  explicit RandomRules(uint32_t seed) : random_(seed) {}
+  explicit RandomRules(uint32_t draw) : random_(draw) {}
 
   std::string next(bool ipv6) {
     const char* protocols[] = {"ip", "tcp", "udp", "icmp", "tcp"};
@@ -95,8 +95,8 @@ std::optional<size_t> firstCoverByPairs(
 }
 
 TEST(ShadowIndexTest, FindsTheFirstEarlierCoverAsComparingEveryPairWould) {
-  for (uint32_t seed = 1; seed <= 20; ++seed) {
-    RandomRules random(seed);
+  for (uint32_t draw = 1; draw <= 20; ++draw) {
+    RandomRules random(draw);
     ShadowIndex index;
     std::deque<std::pair<Acl::AclRuleConfig, uint8_t>> seen;
     size_t covered = 0;
@@ -107,7 +107,7 @@ TEST(ShadowIndexTest, FindsTheFirstEarlierCoverAsComparingEveryPairWould) {
       for (const auto& flags : rule.subRuleFlags()) {
         const auto expected = firstCoverByPairs(seen, rule, flags.value());
         ASSERT_EQ(index.firstCover(rule, flags.value()), expected)
-            << "seed " << seed << ": " << text << " / "
+            << "draw " << draw << ": " << text << " / "
             << (expected ? seen[*expected].first.text() : "");
         covered += expected.has_value();
       }
@@ -118,7 +118,7 @@ TEST(ShadowIndexTest, FindsTheFirstEarlierCoverAsComparingEveryPairWould) {
     }
     // The domains are small enough that most later rules have a cover, and
     // some never do.
-    EXPECT_GT(covered, 100u) << "seed " << seed;
+    EXPECT_GT(covered, 100u) << "draw " << draw;
   }
 }
 
