@@ -128,9 +128,11 @@ lab_ctl() { "$WAYMARKCTL" --socket "$RUN/waymarkd.sock" "$@"; }
 # running: the kernel reports a new carrier up to a second after the command
 # that raised the link returned, and waymarkd rightly waits for it.
 lab_links_running() {
-  local i
+  local i links
   for i in $(seq 250); do
-    in_ns router ip -o link show up | grep -v ': lo:' | grep -qv ' state UP ' || return 0
+    # Read whole first: a search that stops early would break the pipe.
+    links=$(in_ns router ip -o link show up | grep -v ': lo:')
+    [ -n "$links" ] && grep -qv ' state UP ' <<<"$links" || return 0
     sleep 0.02
   done
 }
