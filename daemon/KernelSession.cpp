@@ -265,17 +265,33 @@ std::vector<std::string> KernelSession::repairDrift(
     Pbr::NexthopTableManager& manager, const std::function<bool(const Velnet::IpGenAddr&)>& usable,
     double now) {
   auto texts = drift_.run(manager, usable, now);
-  for (auto& text : keepJournal(now)) texts.push_back(std::move(text));
+  for (auto& text : keepJournal(manager, now)) texts.push_back(std::move(text));
   return texts;
 }
 
-std::vector<std::string> KernelSession::keepJournal(double now) {
+std::vector<std::string> KernelSession::keepJournal(Pbr::NexthopTableManager& manager, double now) {
   if (now - journalCheckedAt_ < 1.0) return {};
   journalCheckedAt_ = now;
-  if (!journal_.restoreIfGone()) return {};
-  const std::string text = "state file " + journal_.path() +
-                           " or its journal was deleted or replaced: written again from memory";
-  return {text};
+  if (journal_.restoreIfGone()) {
+    return {"state file " + journal_.path() +
+            " or its journal was deleted or replaced: written again from memory"};
+  }
+  if (journaled_.unrecorded().empty() || !cannotRecord().empty()) return {};
+  return retryUnrecorded(manager);
+}
+
+std::string KernelSession::cannotRecord() { return journal_.compact() ? "" : journal_.error(); }
+
+std::vector<std::string> KernelSession::retryUnrecorded(Pbr::NexthopTableManager& manager) {
+  std::vector<std::string> texts;
+  for (const auto& nexthop : journaled_.takeUnrecorded()) {
+    if (manager.nexthop(nexthop) == 0 || manager.programmed(nexthop)) continue;
+    manager.pendingNexthopIs(nexthop, Pbr::pendingAdd);
+    texts.push_back("state journal writable again: nexthop " + nexthop.stringValue() +
+                    " is programmed again");
+  }
+  manager.handleNexthopProgrammingTimeLimit();
+  return texts;
 }
 
 void KernelSession::loadJournal() {

@@ -64,6 +64,10 @@ class KernelSession : public RouterKernel {
   void suspectDrift() override { drift_.suspect(); }
   double mangleCheckDue() const override { return mangleWatch_.due(); }
   double journalCheckDue() const override { return journalCheckedAt_ + 1.0; }
+  std::string cannotRecord() override;
+  bool unrecorded(const Velnet::IpGenAddr& nexthop) const override {
+    return journaled_.unrecorded().count(nexthop) != 0;
+  }
   bool mangleSuspected() const override { return mangleWatch_.suspected(); }
   bool mangleDrifted(double now, std::vector<std::string>& out) override;
   void beginRebuild() override { asyncWriter_.hold(); }
@@ -84,8 +88,12 @@ class KernelSession : public RouterKernel {
 
  private:
   // Once a second: the state file or its journal deleted or replaced from
-  // outside is written again from memory; what to say of it, if so.
-  std::vector<std::string> keepJournal(double now);
+  // outside is written again from memory, and nexthops refused for want of
+  // a record are programmed again once it can be written; what to say of
+  // it, if anything.
+  std::vector<std::string> keepJournal(Pbr::NexthopTableManager& manager, double now);
+  // Queues the nexthops refused for want of a record that are still wanted.
+  std::vector<std::string> retryUnrecorded(Pbr::NexthopTableManager& manager);
   // Loads the journal and logs, as errors, what it would not trust.
   void loadJournal();
   // False when the mangle table holds another tool's rules and the

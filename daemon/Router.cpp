@@ -225,6 +225,26 @@ void Router::resync() {
         "resync asked: waymark's mangle tables are rebuilt, its rules and routes compared");
 }
 
+namespace {
+
+// Whether `next` names a nexthop that `current` does not.
+bool newNexthops(const ConfigModel& current, const ConfigModel& next) {
+  std::set<Velnet::IpGenAddr> known;
+  for (const auto& [name, classes] : current.policyMaps) {
+    for (const auto& c : classes) known.insert(c.nexthops.begin(), c.nexthops.end());
+  }
+  for (const auto& [name, classes] : next.policyMaps) {
+    for (const auto& c : classes) {
+      for (const auto& nexthop : c.nexthops) {
+        if (known.count(nexthop) == 0) return true;
+      }
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 void Router::reload(Reloaded done) {
   ++reloads_;
   // The file is read and checked off the loop; the loop applies it.
@@ -247,6 +267,13 @@ void Router::applyReload(const std::shared_ptr<ConfigModel>& model, const std::s
     lastReloadError_ = error;
     event("reload-refused", "reload refused, nothing changed: " + lastReloadError_);
     if (done) done(lastReloadError_);
+    return;
+  }
+  // A reload that would program nexthops the state journal cannot record
+  // changes nothing: the kernel would hold what no later run knows of.
+  if (const std::string why = newNexthops(*model_, *model) ? kernel_.cannotRecord() : "";
+      !why.empty()) {
+    applyReload(model, "cannot record new nexthops in the state journal: " + why, done);
     return;
   }
   const ReloadPlan plan = ReloadPlan::between(*model_, *model);
@@ -371,7 +398,7 @@ void Router::noticeChanges() {
   if (activity == activity_) return;
   activity_ = activity;
 
-  const nlohmann::json now = StatusReport::build(*plugin_);
+  const nlohmann::json now = StatusReport::build(*plugin_, unrecorded());
   std::map<Velnet::IpGenAddr, std::string> states;
   for (const auto& n : now["nexthops"]) {
     states[Velnet::IpGenAddr::parse(n["address"].get<std::string>())] = n["state"];
@@ -389,6 +416,10 @@ void Router::noticeChanges() {
     } else if (state == Reason::kKernelRefused) {
       event("nexthop-refused", "nexthop " + address.stringValue() +
                                    " not programmed: the kernel refused its route or rule");
+    } else if (state == Reason::kNotRecorded) {
+      event("nexthop-refused", "nexthop " + address.stringValue() +
+                                   " not programmed: the state journal cannot record it; "
+                                   "programmed once it can");
     }
   }
   nexthopStates_ = std::move(states);
@@ -557,13 +588,14 @@ nlohmann::json Router::explain(const nlohmann::json& request) {
       out["nexthop"] = inUse.stringValue();
       out["fwmark"] = mark;
       out["table"] = manager.routeTable(inUse);
-      out["nexthopState"] = StatusReport::nexthopState(manager, inUse);
+      out["nexthopState"] = StatusReport::nexthopState(manager, inUse, unrecorded());
     } else if (!c.nexthops.empty()) {
       const auto& first = c.nexthops.front();
       const auto health = health_.view(first);
-      out["nexthopState"] = first.stringValue() + ": " +
-                            (health && !health->up ? std::string("down by its health check")
-                                                   : StatusReport::nexthopState(manager, first));
+      out["nexthopState"] =
+          first.stringValue() + ": " +
+          (health && !health->up ? std::string("down by its health check")
+                                 : StatusReport::nexthopState(manager, first, unrecorded()));
     }
   }
   out["kernelRoute"] = kernel_.routeLookup(packet->src, packet->dst, packet->in, mark);
@@ -647,8 +679,12 @@ void Router::classCounters(std::function<void(nlohmann::json)> done) {
   });
 }
 
+StatusReport::Unrecorded Router::unrecorded() const {
+  return [this](const Velnet::IpGenAddr& nexthop) { return kernel_.unrecorded(nexthop); };
+}
+
 nlohmann::json Router::status() const {
-  nlohmann::json status = StatusReport::build(*plugin_);
+  nlohmann::json status = StatusReport::build(*plugin_, unrecorded());
   status["version"] = WAYMARK_VERSION;
   status["uptime"] = clock_.now() - startedAt_;
   status["idle"] = idle();

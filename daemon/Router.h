@@ -44,6 +44,7 @@
 #include "daemon/HealthMonitor.h"
 #include "daemon/InterfaceStatusSync.h"
 #include "daemon/RouterKernel.h"
+#include "daemon/StatusReport.h"
 #include "framework/TimeSource.h"
 #include "plugin/AclPlugin.h"
 #include "policymap/Stordb.h"
@@ -137,6 +138,8 @@ class Router {
   void applyTunables(const Tunables& t);
   // Records a state change with its time, and logs it.
   void event(const std::string& kind, const std::string& text);
+  // Tells the status which nexthops wait for the state journal.
+  StatusReport::Unrecorded unrecorded() const;
   // Turns what changed since the last look (nexthop states, each class's
   // nexthop, refused batches) into events.
   void noticeChanges();

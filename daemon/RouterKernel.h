@@ -75,10 +75,16 @@ class RouterKernel {
   virtual void resumeDriftRepair() {}
   // Compares the routing state on the next turn, as after a removal.
   virtual void suspectDrift() {}
-  // When the mangle tables are next compared with what waymark wrote.
   // When the state file is next looked at (deleted or replaced from
-  // outside); kNever when it is not.
+  // outside, or writable again after additions were refused); kNever when
+  // it is not.
   virtual double journalCheckDue() const { return Vix::kNever; }
+  // Why an addition could not be recorded now, found by writing the state
+  // file; "" when it can.
+  virtual std::string cannotRecord() { return ""; }
+  // Whether `nexthop`'s last addition was refused for want of a record.
+  virtual bool unrecorded(const Velnet::IpGenAddr& /*nexthop*/) const { return false; }
+  // When the mangle tables are next compared with what waymark wrote.
   virtual double mangleCheckDue() const { return 1e300; }
   // Something changed them and the comparison is not done yet.
   virtual bool mangleSuspected() const { return false; }

@@ -68,7 +68,7 @@ std::set<Velnet::IpGenAddr> knownNexthops(const Pbr::NexthopTableManager& m) {
   return all;
 }
 
-json nexthops(const Pbr::NexthopTableManager& m) {
+json nexthops(const Pbr::NexthopTableManager& m, const StatusReport::Unrecorded& unrecorded) {
   json out = json::array();
   for (const auto& a : knownNexthops(m)) {
     const uint32_t refs = m.nexthop(a);
@@ -81,7 +81,7 @@ json nexthops(const Pbr::NexthopTableManager& m) {
                    {"programmed", m.programmed(a)},
                    {"withoutSubnet", m.withoutSubnet(a)},
                    {"withoutResources", m.nexthopWithoutResources(a)},
-                   {"state", StatusReport::nexthopState(m, a)}});
+                   {"state", StatusReport::nexthopState(m, a, unrecorded)}});
   }
   return out;
 }
@@ -103,11 +103,13 @@ json familyCounters(const Pbr::Iptables::AclTypeData& t) {
 }  // namespace
 
 std::string StatusReport::nexthopState(const Pbr::NexthopTableManager& m,
-                                       const Velnet::IpGenAddr& a) {
+                                       const Velnet::IpGenAddr& a, const Unrecorded& unrecorded) {
   if (m.programmed(a)) return Reason::kProgrammed;
   if (m.nexthop(a) == 0 && m.fwmark(a) != 0) return Reason::kReleasing;
   // A refusal keeps the resources and flags both waits.
-  if (m.nexthopWithoutResources(a) && m.fwmark(a) != 0) return Reason::kKernelRefused;
+  if (m.nexthopWithoutResources(a) && m.fwmark(a) != 0) {
+    return unrecorded && unrecorded(a) ? Reason::kNotRecorded : Reason::kKernelRefused;
+  }
   if (m.nexthopWithoutResources(a)) return Reason::kNoResources;
   if (m.withoutSubnet(a)) return Reason::kOutsideSubnets;
   return Reason::kPending;
@@ -122,7 +124,7 @@ bool StatusReport::idle(const Pbr::AclPlugin& plugin) {
   return true;
 }
 
-nlohmann::json StatusReport::build(const Pbr::AclPlugin& plugin) {
+nlohmann::json StatusReport::build(const Pbr::AclPlugin& plugin, const Unrecorded& unrecorded) {
   const auto& m = *plugin.nexthopTableManager();
   const auto v4 = plugin.aclHelper()->aclTypeData(PolicyMap::matchIpv4);
   const auto v6 = plugin.aclHelper()->aclTypeData(PolicyMap::matchIpv6);
@@ -138,7 +140,7 @@ nlohmann::json StatusReport::build(const Pbr::AclPlugin& plugin) {
   if (v4) counters["ipv4"] = familyCounters(*v4);
   if (v6) counters["ipv6"] = familyCounters(*v6);
   return {{"policies", policies(plugin)},
-          {"nexthops", nexthops(m)},
+          {"nexthops", nexthops(m, unrecorded)},
           {"queues",
            {{"ipv4", v4 ? v4->iptablesOperations() : 0u},
             {"ipv6", v6 ? v6->iptablesOperations() : 0u},

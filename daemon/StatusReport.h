@@ -5,6 +5,7 @@
 // reasons a nexthop is not programmed are defined here, once.
 #pragma once
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -17,18 +18,23 @@ inline constexpr const char* kProgrammed = "programmed";
 inline constexpr const char* kOutsideSubnets = "outside every connected subnet";
 inline constexpr const char* kNoResources = "no free resources";
 inline constexpr const char* kKernelRefused = "kernel refused";
+inline constexpr const char* kNotRecorded = "not recorded: the state journal cannot be written";
 inline constexpr const char* kPending = "pending";
 inline constexpr const char* kReleasing = "unreferenced, being released";
 }  // namespace Reason
 
 class StatusReport {
  public:
-  static nlohmann::json build(const Pbr::AclPlugin& plugin);
+  // Whether a nexthop's addition was refused because it could not be
+  // recorded (none, when not given).
+  using Unrecorded = std::function<bool(const Velnet::IpGenAddr&)>;
+
+  static nlohmann::json build(const Pbr::AclPlugin& plugin, const Unrecorded& unrecorded = {});
   // True when no nexthop work is pending and both rule queues are empty.
   static bool idle(const Pbr::AclPlugin& plugin);
   // Why `addr` is in the state it is in (one of the Reason texts).
   static std::string nexthopState(const Pbr::NexthopTableManager& manager,
-                                  const Velnet::IpGenAddr& addr);
+                                  const Velnet::IpGenAddr& addr, const Unrecorded& unrecorded = {});
 };
 
 }  // namespace Waymark

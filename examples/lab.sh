@@ -101,7 +101,8 @@ YAML
 }
 
 # Starts waymarkd on the router with CONFIG and waits until it is idle.
-# DAEMON_ENV (VAR=value words) and DAEMON_ARGS, when set, go to waymarkd.
+# DAEMON_ENV (VAR=value words) and DAEMON_ARGS, when set, go to waymarkd;
+# STATE, when set, is its state file (else RUN/state.json).
 lab_start_daemon() {
   local config=$1
   mkdir -p "$RUN"
@@ -109,7 +110,7 @@ lab_start_daemon() {
   # Not through in_ns: $! must be the daemon itself (ip netns exec execs it),
   # not a subshell running a function.
   ip netns exec "$LAB-router" env ${DAEMON_ENV:-} "$WAYMARKD" --config "$config" \
-    --socket "$RUN/waymarkd.sock" --state "$RUN/state.json" ${DAEMON_ARGS:-} \
+    --socket "$RUN/waymarkd.sock" --state "${STATE:-$RUN/state.json}" ${DAEMON_ARGS:-} \
     >>"$RUN/waymarkd.log" 2>&1 &
   DAEMON=$!
   lab_ctl wait-idle --timeout 60

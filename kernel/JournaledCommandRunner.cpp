@@ -38,6 +38,15 @@ bool JournaledCommandRunner::keptTable(const Pbr::RoutingRequest& r) const {
   return it != keptTables_.end() && it->second == r.nexthop;
 }
 
+bool JournaledCommandRunner::recorded(const Pbr::RoutingRequest& request, bool held) {
+  if (held) {
+    unrecorded_.erase(request.nexthop);
+  } else {
+    unrecorded_.insert(request.nexthop);
+  }
+  return held;
+}
+
 Pbr::CommandOutcome JournaledCommandRunner::run(const Pbr::RoutingRequest& request) {
   switch (request.operation) {
     case Operation::addRoute:
@@ -62,7 +71,9 @@ Pbr::CommandOutcome JournaledCommandRunner::run(const Pbr::RoutingRequest& reque
 Pbr::CommandOutcome JournaledCommandRunner::addRoute(const Pbr::RoutingRequest& request) {
   // What cannot be recorded must not reach the kernel: the routing logic
   // sees an ordinary failure.
-  if (!journal_.tableHeld(tableOf(request))) return Pbr::CommandOutcome::exited(kNotRecorded);
+  if (!recorded(request, journal_.tableHeld(tableOf(request)))) {
+    return Pbr::CommandOutcome::exited(kNotRecorded);
+  }
   if (keptTable(request)) {
     keptTables_.erase(tableOf(request));
     return Pbr::CommandOutcome::exited(
@@ -77,7 +88,7 @@ Pbr::CommandOutcome JournaledCommandRunner::addRoute(const Pbr::RoutingRequest& 
 }
 
 Pbr::CommandOutcome JournaledCommandRunner::addRule(const Pbr::RoutingRequest& request) {
-  if (!journal_.ruleHeld(ruleOf(request), request.nexthop)) {
+  if (!recorded(request, journal_.ruleHeld(ruleOf(request), request.nexthop))) {
     return Pbr::CommandOutcome::exited(kNotRecorded);
   }
   if (kept(request)) {

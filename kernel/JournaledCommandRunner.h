@@ -7,7 +7,9 @@
 // - A rule or a table is journaled before the command that adds it runs,
 //   and released again when the kernel refused it. When it cannot be
 //   journaled (a full disk), the command does not run and ends as a refused
-//   one would (exit status 2), so that nothing unrecorded reaches the kernel.
+//   one would (exit status 2), so that nothing unrecorded reaches the kernel;
+//   its nexthop is remembered, for the daemon to try again once the journal
+//   can be written.
 // - A rule is released once deleted, or once the kernel says it has no such
 //   rule.
 // - "ip route del table T" names no route iproute2 accepts and deletes
@@ -22,6 +24,7 @@
 
 #include <map>
 #include <set>
+#include <utility>
 
 #include "kernel/CommandRunner.h"
 #include "kernel/KernelRouting.h"
@@ -46,6 +49,11 @@ class JournaledCommandRunner : public Pbr::CommandRunner {
   // Keeps nothing more in place.
   void keepNothing();
 
+  // Nexthops whose addition was refused for want of a record since they
+  // were last taken; one recorded since is no longer among them.
+  const std::set<Velnet::IpGenAddr>& unrecorded() const { return unrecorded_; }
+  std::set<Velnet::IpGenAddr> takeUnrecorded() { return std::exchange(unrecorded_, {}); }
+
   // The executor behind it. REQUIRES: `next` outlives its installation.
   void nextIs(Pbr::CommandRunner& next) { next_ = &next; }
 
@@ -55,12 +63,16 @@ class JournaledCommandRunner : public Pbr::CommandRunner {
   Pbr::CommandOutcome deleteRoute(const Pbr::RoutingRequest& request);
   bool kept(const Pbr::RoutingRequest& request) const;
   bool keptTable(const Pbr::RoutingRequest& request) const;
+  // Whether the addition `request` makes is recorded (`held`); remembers
+  // its nexthop when not.
+  bool recorded(const Pbr::RoutingRequest& request, bool held);
 
   StateJournal& journal_;
   KernelRouting& routing_;
   Pbr::CommandRunner* next_;
   std::map<PolicyRule, Velnet::IpGenAddr> kept_;
   std::map<RouteTableId, Velnet::IpGenAddr> keptTables_;
+  std::set<Velnet::IpGenAddr> unrecorded_;
 };
 
 }  // namespace Kernel

@@ -289,6 +289,7 @@ bool StateJournal::compact() {
   // the snapshot, or not the daemon's.
   if (!journal_.valid()) std::remove(journalPath().c_str());
   journalLines_ = 0;
+  error_.clear();
   return true;
 }
 

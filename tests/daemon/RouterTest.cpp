@@ -137,6 +137,40 @@ TEST_F(RouterTest, AnAcceptedReloadAppliesOnlyTheDifference) {
   EXPECT_EQ(s["daemon"]["lastReloadError"], "");
 }
 
+TEST_F(RouterTest, AReloadToNexthopsTheJournalCannotRecordChangesNothing) {
+  started();
+  kernel.recordError = "cannot write state.json.tmp: No space left on device";
+  std::string text = kConfig;
+  text.replace(text.find("192.0.2.1]"), 9, "192.0.2.7");
+  writeConfig(text);
+  const auto refused = ask({{"command", "reload"}});
+  EXPECT_FALSE(refused["ok"]);
+  EXPECT_EQ(refused["error"],
+            "cannot record new nexthops in the state journal: " + kernel.recordError);
+  ASSERT_TRUE(runUntilIdle());
+  EXPECT_TRUE(runner.commands.empty()) << commands();
+  EXPECT_TRUE(writer.batches.empty());
+
+  // Nothing new to record: the journal is not in the way.
+  text = kConfig;
+  text.replace(text.find("eq 80"), 5, "eq 81");
+  writeConfig(text);
+  EXPECT_TRUE(ask({{"command", "reload"}})["ok"]);
+}
+
+TEST_F(RouterTest, ANexthopTheJournalCannotRecordSaysSoUntilItIsRecorded) {
+  kernel.unrecordedNexthops.insert(Velnet::IpGenAddr::parse("192.0.2.1"));
+  runner.statusIs("ip route add", exitStatus(2));
+  startRouter(kConfig);
+  runUntilIdle();
+  EXPECT_EQ(status()["nexthops"][0]["state"], Waymark::Reason::kNotRecorded);
+  const auto reply = ask({{"command", "events"}});
+  ASSERT_EQ(reply["events"].size(), 1u) << reply;
+  EXPECT_EQ(reply["events"][0]["text"],
+            "nexthop 192.0.2.1 not programmed: the state journal cannot record it; programmed "
+            "once it can");
+}
+
 TEST_F(RouterTest, SetChangesOneTunableAndRefusesWhatIsOutOfRange) {
   started();
   auto reply = ask({{"command", "set"}, {"tunable", "command-executor"}, {"value", "shell"}});

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "kernel/JournaledCommandRunner.h"
@@ -67,6 +68,14 @@ TEST_P(JournaledCommandRunnerKernel, AnAdditionThatCannotBeJournaledNeverReaches
   EXPECT_EQ(runner_->run(RoutingRequest::addRule(kNexthop, 2, 2, 300)), refused);
   EXPECT_EQ(ns_->run("ip route show table 300 2>/dev/null; ip rule show priority 2"), "");
   EXPECT_EQ(journal_->size(), 0u);
+  EXPECT_EQ(runner_->unrecorded(), std::set<Velnet::IpGenAddr>{kNexthop});
+
+  // Room again: the same addition is recorded and made, and the nexthop is
+  // no longer waiting for a record.
+  std::filesystem::remove(dir_ + "/state.json.journal");
+  ASSERT_TRUE(journal_->compact());
+  EXPECT_TRUE(runner_->run(RoutingRequest::addRoute(kNexthop, 300)).succeeded());
+  EXPECT_TRUE(runner_->unrecorded().empty());
 }
 
 TEST_P(JournaledCommandRunnerKernel, ARefusedAddIsForgottenOnlyWhenItsTableIsEmpty) {

@@ -6,11 +6,13 @@
 // asynchronous writer is while a transaction is on its way, answers rule
 // counters the test sets, and describes the route lookups it is asked for.
 // A mangle drift the test sets is found at the next comparison; the
-// rebuild's steps are counted.
+// rebuild's steps are counted. The state journal records, or fails as the
+// test says.
 #pragma once
 
 #include <atomic>
-
+#include <set>
+#include <string>
 #include <utility>
 
 #include "daemon/RouterKernel.h"
@@ -51,6 +53,10 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   void beginRebuild() override { ++rebuildsBegun; }
   void commitRebuild() override { ++rebuildsCommitted; }
   void rebuildDone(const std::string& error) override { rebuildErrors.push_back(error); }
+  std::string cannotRecord() override { return recordError; }
+  bool unrecorded(const Velnet::IpGenAddr& nexthop) const override {
+    return unrecordedNexthops.count(nexthop) != 0;
+  }
   std::string routeLookup(const Velnet::IpGenAddr& src, const Velnet::IpGenAddr& dst,
                           const std::string& in, uint32_t mark) override {
     return "lookup " + dst.stringValue() + " from " + src.stringValue() + " iif " + in + " mark " +
@@ -75,6 +81,8 @@ class FakeRouterKernel : public Waymark::RouterKernel {
   int rebuildsBegun = 0;
   int rebuildsCommitted = 0;
   std::vector<std::string> rebuildErrors;  // one per rebuild written
+  std::string recordError;                 // why the journal cannot record
+  std::set<Velnet::IpGenAddr> unrecordedNexthops;
 
  private:
   bool real_ = false;
