@@ -128,6 +128,10 @@ std::string StatusFormatter::all(const nlohmann::json& status) {
                 (startup.contains("rulesWaiting")
                      ? " (" + text(startup["rulesWaiting"]) + " rule operations waiting)"
                      : "") +
+                (startup.value("writeError", "").empty()
+                     ? ""
+                     : "; writing the rules, attempt " + text(startup["writeAttempts"]) +
+                           ", the last failed: " + text(startup["writeError"])) +
                 "\n";
   return policies(status) + "\n" + nexthops(status) + "\n" + drift + starting +
          (status.at("idle").get<bool>() ? "idle: all kernel work done\n"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <ctime>
 #include <map>
 #include <optional>
@@ -111,7 +112,8 @@ double Router::sleepTime() const {
   const double journal = phase_ == StartupPhase::running
                              ? std::max(0.0, kernel_.journalCheckDue() - clock_.now())
                              : Vix::kNever;
-  return std::min({Vix::activityManager().sleepTime(), health, drift, mangle, journal});
+  const double startRetry = std::max(0.0, startRetry_.due - clock_.now());
+  return std::min({Vix::activityManager().sleepTime(), health, drift, mangle, journal, startRetry});
 }
 
 void Router::probeAnswered(uint16_t sequence, const Velnet::IpGenAddr& from) {
@@ -140,11 +142,54 @@ void Router::advanceStartup() {
     kernel_.nexthopsProgrammed();
   }
   if (phase_ == StartupPhase::writingRules) {
-    if (kernel_.writing()) return;
+    if (rebuild_ != Rebuild::none) advanceRebuild();
+    if (rebuild_ != Rebuild::none || kernel_.writing() || !startLanded()) return;
     phase_ = StartupPhase::removingLeftovers;
     kernel_.rulesWritten(*plugin_->nexthopTableManager());
     phase_ = StartupPhase::running;
   }
+}
+
+bool Router::startLanded() {
+  if (batchesFailed() == startRetry_.failedBefore) {
+    if (!startRetry_.error.empty()) {
+      event("start-retry", "the start's rules are written, at attempt " +
+                               std::to_string(startRetry_.attempts + 1));
+    }
+    startRetry_.error.clear();
+    return true;
+  }
+  const double now = clock_.now();
+  if (startRetry_.due == Vix::kNever) {
+    constexpr double kLongestWait = 30.0;
+    const double wait = std::min(
+        kLongestWait, std::ldexp(1.0, static_cast<int>(std::min(startRetry_.attempts, 5u))));
+    startRetry_.error = lastBatchError();
+    startRetry_.due = now + wait;
+    event("start-retry", "the start's rules could not be written (" + startRetry_.error +
+                             "); not ready, writing them again in " +
+                             std::to_string(static_cast<int>(wait)) + " s");
+    return false;
+  }
+  if (now < startRetry_.due) return false;
+  ++startRetry_.attempts;
+  startRetry_.due = Vix::kNever;
+  startRetry_.failedBefore = batchesFailed();
+  // What the previous run wrote still steers meanwhile; the attempt
+  // replaces waymark's part of the tables in place.
+  beginRebuild("start-retry");
+  return false;
+}
+
+std::string Router::lastBatchError() const {
+  std::string error;
+  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
+    const auto typeData = plugin_->aclHelper()->aclTypeData(option);
+    if (typeData && !typeData->iptablesManager()->lastError().empty()) {
+      error = typeData->iptablesManager()->lastError();
+    }
+  }
+  return error;
 }
 
 void Router::keepKernel() {
@@ -189,15 +234,7 @@ void Router::advanceRebuild() {
   if (kernel_.writing()) return;
   rebuild_ = Rebuild::none;
   ++rebuilds_;
-  std::string error;
-  if (batchesFailed() != failedBeforeRebuild_) {
-    for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
-      const auto typeData = plugin_->aclHelper()->aclTypeData(option);
-      if (typeData && !typeData->iptablesManager()->lastError().empty()) {
-        error = typeData->iptablesManager()->lastError();
-      }
-    }
-  }
+  const std::string error = batchesFailed() != failedBeforeRebuild_ ? lastBatchError() : "";
   kernel_.rebuildDone(error);
   event(rebuildCause_, error.empty() ? "mangle tables rebuilt in place, one transaction per family"
                                      : "mangle tables could not be rebuilt: " + error);
@@ -703,7 +740,12 @@ nlohmann::json Router::status() const {
       {"phase", phaseName(phase_)},
       {"nexthopsProgrammed", programmed},
       {"nexthopsPending", manager.pendingNexthops().members()},
-      {"rulesWaiting", queues["ipv4"].get<uint32_t>() + queues["ipv6"].get<uint32_t>()}};
+      {"rulesWaiting", queues["ipv4"].get<uint32_t>() + queues["ipv6"].get<uint32_t>()},
+      {"writeAttempts", startRetry_.attempts + 1},
+      {"writeError", startRetry_.error},
+      {"nextWriteIn", startRetry_.due == Vix::kNever
+                          ? nlohmann::json()
+                          : nlohmann::json(std::max(0.0, startRetry_.due - clock_.now()))}};
   status["daemon"] = {{"config", configPath_},
                       {"uptime", clock_.now() - startedAt_},
                       {"longestLoopTurn", longestTurn_},

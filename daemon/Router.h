@@ -130,6 +130,11 @@ class Router {
   // A mangle rebuild's steps: programmed again (held), then written.
   void advanceRebuild();
   void beginRebuild(const std::string& cause);
+  // Whether the start's rules are in the kernel; when not, schedules or
+  // begins another attempt.
+  bool startLanded();
+  // The latest error iptables reported, of either family.
+  std::string lastBatchError() const;
   uint32_t batchesFailed() const;
   // Nothing of waymark's own is on its way: no configuration waiting, the
   // plug-in's queues empty, the writer idle.
@@ -206,6 +211,15 @@ class Router {
   uint32_t failedBeforeRebuild_ = 0;
   bool resyncRequested_ = false;
   uint32_t rebuilds_ = 0;
+  // The start's rules that iptables did not take: written again, backing
+  // off, and the daemon is not ready until they are in the kernel.
+  struct StartRetry {
+    uint32_t failedBefore = 0;  // batches failed before the latest attempt
+    uint32_t attempts = 0;
+    std::string error;         // "" while no attempt failed
+    double due = Vix::kNever;  // when the next attempt begins
+  };
+  StartRetry startRetry_;
 
   struct Event {
     double uptime;

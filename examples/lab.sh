@@ -103,7 +103,10 @@ YAML
 # Starts waymarkd on the router with CONFIG and waits until it is idle.
 # DAEMON_ENV (VAR=value words) and DAEMON_ARGS, when set, go to waymarkd;
 # STATE, when set, is its state file (else RUN/state.json).
-lab_start_daemon() {
+lab_start_daemon() { lab_launch_daemon "$1"; lab_ctl wait-idle --timeout 60; }
+
+# The same without waiting.
+lab_launch_daemon() {
   local config=$1
   mkdir -p "$RUN"
   rm -f "$RUN/waymarkd.sock"
@@ -113,7 +116,6 @@ lab_start_daemon() {
     --socket "$RUN/waymarkd.sock" --state "${STATE:-$RUN/state.json}" ${DAEMON_ARGS:-} \
     >>"$RUN/waymarkd.log" 2>&1 &
   DAEMON=$!
-  lab_ctl wait-idle --timeout 60
 }
 
 lab_stop_daemon() {

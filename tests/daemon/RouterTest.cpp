@@ -171,6 +171,46 @@ TEST_F(RouterTest, ANexthopTheJournalCannotRecordSaysSoUntilItIsRecorded) {
             "once it can");
 }
 
+TEST_F(RouterTest, TheStartIsNotReadyUntilItsRulesAreWrittenAndTriesAgainUntilThey) {
+  const std::string refused = "iptables-restore: line 2 failed [failing line: -F]";
+  writer.refuseIs("*mangle");
+  startRouter(kConfig);
+  for (int pass = 0; pass < 1000; ++pass) router.turn();
+  EXPECT_FALSE(router.idle());
+  auto startup = status()["startup"];
+  EXPECT_EQ(startup["phase"], "writing rules");
+  EXPECT_EQ(startup["writeError"], refused);
+  EXPECT_EQ(startup["nextWriteIn"], 1.0);
+
+  // Refused again: the next attempt waits longer.
+  clock.advance(1.0);
+  for (int pass = 0; pass < 1000; ++pass) router.turn();
+  startup = status()["startup"];
+  EXPECT_EQ(startup["writeAttempts"], 2);
+  EXPECT_EQ(startup["nextWriteIn"], 2.0);
+
+  writer.refuseIs("");
+  clock.advance(2.0);
+  ASSERT_TRUE(runUntilIdle());
+  startup = status()["startup"];
+  EXPECT_EQ(startup["phase"], "running");
+  EXPECT_EQ(startup["writeError"], "");
+  std::vector<std::string> retries;
+  const auto events = ask({{"command", "events"}});
+  for (const auto& e : events["events"]) {
+    if (e["kind"] == "start-retry") retries.push_back(e["text"]);
+  }
+  EXPECT_EQ(retries,
+            (std::vector<std::string>{"the start's rules could not be written (" + refused +
+                                          "); not ready, writing them again in 1 s",
+                                      "mangle tables could not be rebuilt: " + refused,
+                                      "the start's rules could not be written (" + refused +
+                                          "); not ready, writing them again in 2 s",
+                                      "mangle tables rebuilt in place, one transaction per family",
+                                      "the start's rules are written, at attempt 3"}))
+      << events;
+}
+
 TEST_F(RouterTest, SetChangesOneTunableAndRefusesWhatIsOutOfRange) {
   started();
   auto reply = ask({{"command", "set"}, {"tunable", "command-executor"}, {"value", "shell"}});

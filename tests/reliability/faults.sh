@@ -5,7 +5,9 @@
 # Checks that the failure is recorded and shown, that the daemon keeps
 # serving, and that the work is done once the fault is gone and the
 # behaviour retries it (a nexthop's subnet comes back), or once the daemon
-# restarts (a refused iptables batch is counted, not retried).
+# restarts (a refused iptables batch is counted, not retried). A start whose
+# rules cannot be written (no iptables-restore) is not ready, says why, and
+# writes them again, backing off, until it can.
 # Ends with "N passed, N failed" and a "faults:" figures line.
 set -uo pipefail
 BUILD=${1:-build}
@@ -108,6 +110,23 @@ for mode in fail hang signal; do
   lab_start_daemon "$CONFIG" >/dev/null
   check "$mode: a restart converges to a clean start's state" "$(kernel_state)" "$clean"
 done
+
+echo "== iptables-restore missing at start: not ready until it is there"
+lab_stop_daemon
+in_ns router "$WAYMARKD" --cleanup --state "$RUN/state.json" >/dev/null 2>&1
+# A PATH with what the daemon runs, but no restore tools.
+mkdir -p "$RUN/sparse"
+for tool in ip iptables-save ip6tables-save; do ln -s "$(command -v "$tool")" "$RUN/sparse/$tool"; done
+DAEMON_ENV="PATH=$RUN/sparse" lab_launch_daemon "$CONFIG"
+write_error() { lab_ctl status --json 2>/dev/null | jq -r '.startup.writeError // ""'; }
+check "the start says why its rules are not written" \
+  "$(wait_for 20 '[ -n "$(write_error)" ]' && write_error | grep -Ec 'ip6?tables-restore could not be started')" 1
+check "...is not ready" "$(lab_ctl status --json | jq -r '.startup.phase, .idle' | tr '\n' ' ')" "writing rules false "
+check "...and says when it tries again" "$(lab_ctl status --json | jq '.startup.nextWriteIn != null')" true
+for tool in iptables-restore ip6tables-restore; do ln -s "$(command -v "$tool")" "$RUN/sparse/$tool"; done
+check "ready by itself once the tools are there" "$(lab_ctl wait-idle --timeout 60 && echo idle)" idle
+check "...steering" "$(lab_arrived 4 tcp 80)" nh1
+check "...with the error gone" "$(write_error)" ""
 
 echo "faults: $(wc -l < "$RUN/faults/injected") injected"
 finish
