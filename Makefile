@@ -57,7 +57,7 @@ test-asan: deps $(SAN_DIR)/build.ninja
 
 # Every libFuzzer target for FUZZ_SECONDS each.
 fuzz: deps $(SAN_DIR)/build.ninja
-	cmake --build $(SAN_DIR) -j $(JOBS) --target address_fuzz acl_rule_fuzz rule_key_fuzz config_fuzz
+	cmake --build $(SAN_DIR) -j $(JOBS) --target address_fuzz acl_rule_fuzz rule_key_fuzz config_fuzz status_fuzz
 	bash tests/fuzz/run.sh $(SAN_DIR) $(FUZZ_SECONDS)
 
 # The reliability scenarios at full size (root; minutes): figures for

@@ -224,15 +224,25 @@ void ControlServer::read(uint64_t id, Client& c) {
     return;
   }
   enter(id, c, Stage::answering, kAnswerTimeLimit);
-  handler_(request, [this, id](const nlohmann::json& reply) { answer(id, reply); });
+  // A request of the wrong shape (a number where a name belongs) is that
+  // client's error, never the daemon's end.
+  try {
+    handler_(request, [this, id](const nlohmann::json& reply) { answer(id, reply); });
+  } catch (const std::exception& e) {
+    answer(id, errorReply(std::string("bad request: ") + e.what()));
+  }
+}
+
+std::string ControlServer::wireText(const nlohmann::json& message) {
+  // Kernel strings may hold anything: invalid UTF-8 is replaced.
+  return message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 void ControlServer::answer(uint64_t id, const nlohmann::json& reply) {
   const auto it = clients_.find(id);
   if (it == clients_.end()) return;
   Client& c = it->second;
-  // Kernel strings may hold anything: a reply is always valid UTF-8.
-  c.text = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  c.text = wireText(reply);
   c.sent = 0;
   enter(id, c, Stage::writing, kReplyTimeLimit);
   write(id, c);
@@ -274,8 +284,7 @@ nlohmann::json controlRequest(const std::string& path, const nlohmann::json& req
     throw std::runtime_error("cannot reach waymarkd at " + path + ": " + std::strerror(errno));
   }
   const auto deadline = Clock::now() + std::chrono::seconds(30);
-  writeAll(fd.get(), request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
-           deadline);
+  writeAll(fd.get(), ControlServer::wireText(request), deadline);
   const auto reply = readMessage(fd.get(), 1u << 30, deadline);
   if (!reply || reply->empty()) throw std::runtime_error("no reply from waymarkd at " + path);
   return nlohmann::json::parse(*reply);

@@ -49,6 +49,9 @@ class ControlServer {
   // Seconds until the next connection's deadline; kNever with none open.
   double sleepTime() const;
   size_t connections() const { return clients_.size(); }
+  // A message as it goes over the socket: one line of valid UTF-8, whatever
+  // kernel strings it holds.
+  static std::string wireText(const nlohmann::json& message);
 
   static constexpr double kRequestTimeLimit = 1.0;
   static constexpr double kReplyTimeLimit = 5.0;

@@ -22,6 +22,7 @@
 #include "daemon/ConfigLoader.h"
 #include "daemon/DryRun.h"
 #include "framework/ActivityManager.h"
+#include "framework/String.h"
 #include "framework/Trace.h"
 #include "policymap/Cell.h"
 
@@ -35,7 +36,8 @@ class StderrTraceSink : public Vix::TraceSink {
   void write(const Vix::TraceRecord& r) override {
     std::fprintf(stderr, "waymarkd[%d] %.*s %.*s:%d %s\n", r.level,
                  static_cast<int>(r.function.size()), r.function.data(),
-                 static_cast<int>(r.file.size()), r.file.data(), r.line, r.text.c_str());
+                 static_cast<int>(r.file.size()), r.file.data(), r.line,
+                 Vix::loggable(r.text).c_str());
   }
 };
 StderrTraceSink stderrSink;
@@ -44,7 +46,9 @@ StderrTraceSink stderrSink;
 // classes' counters costs an iptables-save per family.
 constexpr double kMetricsPeriod = 5.0;
 
-void log(const std::string& text) { std::fprintf(stderr, "waymarkd: %s\n", text.c_str()); }
+void log(const std::string& text) {
+  std::fprintf(stderr, "waymarkd: %s\n", Vix::loggable(text).c_str());
+}
 
 bool parseNumber(const std::string& text, double low, double high, double* out) {
   char* end = nullptr;

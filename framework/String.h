@@ -37,4 +37,11 @@ namespace Vix {
 // input can neither break a message nor reach a terminal raw.
 std::string quoted(std::string_view text);
 
+// `text` as one line of valid UTF-8 for a log: control bytes, backslashes
+// and bytes that are not part of a valid UTF-8 sequence are escaped (\n,
+// \t, \\, \xNN); valid multi-byte characters stay as they are. Kernel
+// strings (an interface name may hold any byte but NUL and '/') reach the
+// log through it.
+std::string loggable(std::string_view text);
+
 }  // namespace Vix

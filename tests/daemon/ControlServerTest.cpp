@@ -87,13 +87,22 @@ TEST_F(ControlServerTest, ARequestGetsItsReply) {
   EXPECT_EQ(replyOf(fd)["got"]["command"], "status");
 }
 
-TEST_F(ControlServerTest, GarbageGetsAnErrorReply) {
-  const int fd = connectClient();
-  sendText(fd, "\x01\xff{{{ not json\n");
-  server.handle();
-  const auto reply = replyOf(fd);
-  EXPECT_FALSE(reply["ok"].get<bool>());
-  EXPECT_EQ(reply["error"].get<std::string>().rfind("bad request: ", 0), 0u);
+TEST_F(ControlServerTest, GarbageOrARequestOfTheWrongShapeGetsAnErrorReply) {
+  for (const std::string text : {"\x01\xff{{{ not json\n", R"({"later": "soon"})"
+                                                           "\n"}) {
+    const int fd = connectClient();
+    sendText(fd, text);
+    server.handle();
+    const auto reply = replyOf(fd);
+    EXPECT_FALSE(reply["ok"].get<bool>());
+    EXPECT_EQ(reply["error"].get<std::string>().rfind("bad request: ", 0), 0u) << reply;
+  }
+}
+
+TEST_F(ControlServerTest, AMessageIsOneLineOfValidUtf8WhateverKernelStringsItHolds) {
+  const std::string wire = ControlServer::wireText({{"interface", "r-\xff\xfe\n"}});
+  EXPECT_EQ(wire.find('\n'), wire.size() - 1);
+  EXPECT_EQ(nlohmann::json::parse(wire)["interface"], "r-\xef\xbf\xbd\xef\xbf\xbd\n");
 }
 
 TEST_F(ControlServerTest, AHalfClosedRequestIsServed) {

@@ -6,7 +6,7 @@
 set -uo pipefail
 BUILD=$1 SECONDS_EACH=$2
 HERE=$(cd "$(dirname "$0")" && pwd)
-FUZZERS="address_fuzz acl_rule_fuzz rule_key_fuzz config_fuzz"
+FUZZERS="address_fuzz acl_rule_fuzz rule_key_fuzz config_fuzz status_fuzz"
 run() {
   local name=$1 scratch=$BUILD/corpus/$1
   mkdir -p "$scratch"
