@@ -1,16 +1,11 @@
 #include "daemon/ConfigLoader.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <ctime>
-#include <fstream>
 #include <set>
 #include <sstream>
-#include <thread>
 
+#include "daemon/ConfigFile.h"
 #include "daemon/YamlDocument.h"
 #include "framework/Errors.h"
 #include "framework/String.h"
@@ -243,7 +238,7 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
   ConfigModel model;
   const std::string kEmpty =
       "no access-lists, class-maps, policy-maps or interfaces: the file is empty or cut short "
-      "(say 'policy-maps: {}' to mean no policies)";
+      "(say 'policy-maps: {}' and 'interfaces: {}' to mean none)";
   if (!root || root.isNull()) r.failFile(kEmpty);
   const auto top = r.entries(root, "the configuration",
                              {"tunables", "mangle-table", "nexthop-groups", "health-checks",
@@ -344,10 +339,17 @@ ConfigModel readModel(Reader& r, const YamlNode& root) {
                    [&](const char* name) { return static_cast<bool>(section(name)); })) {
     r.fail(root, kEmpty);
   }
-  if (!model.policyMaps.empty() && !section("interfaces")) {
+  // The sections come in any order, so a file cut at any line lacks one of
+  // these two unless it is whole.
+  if (!section("policy-maps")) {
     r.fail(root,
-           "policies are defined but there is no interfaces section (is the file cut short?); "
-           "write 'interfaces: {}' to apply no policy on purpose");
+           "there is no policy-maps section (is the file cut short?); write 'policy-maps: {}' "
+           "to define no policy on purpose");
+  }
+  if (!section("interfaces")) {
+    r.fail(root,
+           "there is no interfaces section (is the file cut short?); write 'interfaces: {}' to "
+           "apply no policy on purpose");
   }
   return model;
 }
@@ -377,63 +379,8 @@ ConfigModel ConfigLoader::loadString(const std::string& text, const std::string&
   }
 }
 
-namespace {
-
-std::string readAll(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw ConfigError(path + ": cannot be read");
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-bool sameFile(const struct stat& a, const struct stat& b) {
-  return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size &&
-         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
-         a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
-}
-
-// Seconds since the file last changed; 0 for a time in the future, which
-// cannot be judged.
-double age(const struct stat& st) {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const double changed =
-      static_cast<double>(std::max(st.st_mtim.tv_sec, st.st_ctim.tv_sec)) +
-      (st.st_mtim.tv_sec >= st.st_ctim.tv_sec ? st.st_mtim.tv_nsec : st.st_ctim.tv_nsec) * 1e-9;
-  const double seconds = static_cast<double>(now.tv_sec) + now.tv_nsec * 1e-9 - changed;
-  return seconds < 0 ? ConfigLoader::kQuietSeconds : seconds;
-}
-
-}  // namespace
-
-std::string ConfigLoader::readStable(const std::string& path) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::duration<double>(kStableWithinSeconds);
-  while (true) {
-    struct stat before {};
-    if (::stat(path.c_str(), &before) != 0) throw ConfigError(path + ": cannot be read");
-    // A pipe or a device has no times to go by: it is read as it comes.
-    if (!S_ISREG(before.st_mode)) return readAll(path);
-    const double quietFor = age(before);
-    const bool late = std::chrono::steady_clock::now() >= deadline;
-    if (quietFor < kQuietSeconds) {
-      if (late) {
-        throw ConfigError(path + ": still being written (it kept changing for " +
-                          Vix::format("%g", kStableWithinSeconds) + " s)");
-      }
-      std::this_thread::sleep_for(std::chrono::duration<double>(kQuietSeconds - quietFor));
-      continue;
-    }
-    std::string text = readAll(path);
-    struct stat after {};
-    if (::stat(path.c_str(), &after) == 0 && sameFile(before, after)) return text;
-    if (late) throw ConfigError(path + ": changed while it was read");
-  }
-}
-
-ConfigModel ConfigLoader::loadFile(const std::string& path) {
-  return loadString(readStable(path), path);
+ConfigModel ConfigLoader::loadFile(const std::string& path, double pipePatience) {
+  return loadString(ConfigFile::read(path, pipePatience), path);
 }
 
 }  // namespace Waymark

@@ -131,7 +131,7 @@ int Daemon::run() {
   umask(0077);
   if (options_.check) {
     try {
-      model_ = ConfigLoader::loadFile(options_.config);
+      model_ = ConfigLoader::loadFile(options_.config, Vix::kNever);
     } catch (const ConfigError& e) {
       std::fprintf(stderr, "%s\n", e.what());
       return kExitFailed;
@@ -259,7 +259,9 @@ class ConfigRead {
       ConfigModel model;
       std::string error;
       try {
-        model = ConfigLoader::loadFile(path);
+        // The start waits for a pipe's writer as long as it takes: this
+        // thread is left behind when the daemon stops first.
+        model = ConfigLoader::loadFile(path, Vix::kNever);
       } catch (const ConfigError& e) {
         error = e.what();
       }

@@ -2,12 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
-#include <cstdio>
-
-#include <chrono>
-
 #include <string>
 
 namespace Waymark {
@@ -81,7 +75,9 @@ TEST(ConfigLoaderTest, TheDocumentedExampleLoads) {
 
 TEST(ConfigLoaderTest, RulesWithoutANumberFollowTheLastNumberedOne) {
   const auto m = ConfigLoader::loadString(
-      "access-lists:\n  a: [permit ip any any, 15 permit tcp any any, permit udp any any]\n", "f");
+      "access-lists:\n  a: [permit ip any any, 15 permit tcp any any, permit udp any any]\n"
+      "policy-maps: {}\ninterfaces: {}\n",
+      "f");
   std::vector<uint32_t> seqs;
   for (const auto& [seq, rule] : m.accessLists.at("a").rules) seqs.push_back(seq);
   EXPECT_EQ(seqs, (std::vector<uint32_t>{10, 15, 25}));
@@ -105,27 +101,31 @@ TEST(ConfigLoaderTest, AnAnchorLetsClassesShareANexthopList) {
 TEST(ConfigLoaderTest, AnEmptyOrCutShortFileIsRefusedAndNoPoliciesMustBeSaid) {
   const std::string why =
       "no access-lists, class-maps, policy-maps or interfaces: the file is empty or cut short "
-      "(say 'policy-maps: {}' to mean no policies)";
+      "(say 'policy-maps: {}' and 'interfaces: {}' to mean none)";
   EXPECT_EQ(error(""), "waymark.yaml: " + why);
   EXPECT_EQ(error("# nothing yet\n"), "waymark.yaml: " + why);
   EXPECT_EQ(error("tunables:\n  rules-per-invocation: 10\n"), "waymark.yaml:1:1: " + why);
-  const auto m = ConfigLoader::loadString("policy-maps: {}\n", "f");
+  const auto m = ConfigLoader::loadString("policy-maps: {}\ninterfaces: {}\n", "f");
   EXPECT_TRUE(m.policyMaps.empty());
   EXPECT_EQ(m.tunables, Tunables());
 }
 
-// Cut at the line before `interfaces:`, or right after it, a valid-looking
-// file would unbind every interface.
-TEST(ConfigLoaderTest, ASectionWithoutValueOrPoliciesWithoutInterfacesAreRefused) {
+// Cut at any line before the last section, or right after a section's key,
+// a valid-looking file would remove policies or unbind interfaces.
+TEST(ConfigLoaderTest, ASectionWithoutValueOrAFileWithoutPoliciesOrInterfacesIsRefused) {
+  const std::string lists = "access-lists: {a: [permit ip any any]}\nclass-maps: {c: [a]}\n";
   const std::string policies =
-      "access-lists: {a: [permit ip any any]}\nclass-maps: {c: [a]}\n"
-      "policy-maps:\n  p:\n    - {class: c, nexthops: [192.0.2.1]}\n";
+      lists + "policy-maps:\n  p:\n    - {class: c, nexthops: [192.0.2.1]}\n";
   EXPECT_EQ(error(policies + "interfaces:\n"),
             "waymark.yaml:6:1: section 'interfaces' has no value (is the file cut short?); write "
             "'interfaces: {}' to mean none");
   EXPECT_EQ(error(policies),
-            "waymark.yaml:1:1: policies are defined but there is no interfaces section (is the "
-            "file cut short?); write 'interfaces: {}' to apply no policy on purpose");
+            "waymark.yaml:1:1: there is no interfaces section (is the file cut short?); write "
+            "'interfaces: {}' to apply no policy on purpose");
+  EXPECT_EQ(error(lists),
+            "waymark.yaml:1:1: there is no policy-maps section (is the file cut short?); write "
+            "'policy-maps: {}' to define no policy on purpose");
+  EXPECT_EQ(error("interfaces: {}\n"), error(lists));
   EXPECT_EQ(error("health-checks:\npolicy-maps: {}\n").substr(0, 50),
             "waymark.yaml:1:1: section 'health-checks' has no v");
   EXPECT_TRUE(ConfigLoader::loadString(policies + "interfaces: {}\n", "f").interfaces.empty());
@@ -151,6 +151,7 @@ TEST(ConfigLoaderTest, AHealthCheckProbesTheNexthopItselfUnlessItNamesTargets) {
     down-after: 2
     up-after: 4
 policy-maps: {}
+interfaces: {}
 )",
                                           "f");
   const auto& v4 = m.healthChecks.at(Velnet::IpGenAddr::parse("192.0.2.1"));
@@ -183,9 +184,9 @@ TEST(ConfigLoaderTest, HealthCheckRangesTargetFamiliesAndAddressesAreChecked) {
 }
 
 TEST(ConfigLoaderTest, TheMangleTableIsTakenOverOnlyWhenTheFileSaysSo) {
-  EXPECT_EQ(ConfigLoader::loadString("policy-maps: {}\n", "f").mangleTable,
-            MangleTable::refuseIfForeign);
-  EXPECT_EQ(ConfigLoader::loadString("mangle-table: take-over\npolicy-maps: {}\n", "f").mangleTable,
+  const std::string none = "policy-maps: {}\ninterfaces: {}\n";
+  EXPECT_EQ(ConfigLoader::loadString(none, "f").mangleTable, MangleTable::refuseIfForeign);
+  EXPECT_EQ(ConfigLoader::loadString("mangle-table: take-over\n" + none, "f").mangleTable,
             MangleTable::takeOver);
 }
 
@@ -244,17 +245,4 @@ TEST(ConfigLoaderTest, ErrorsNameFileLineColumnAndTheOffendingValue) {
 }
 
 }  // namespace
-// An editor rewriting the file in place is not read in the middle of it.
-TEST(ConfigLoaderTest, AFileJustWrittenIsReadOnlyOnceItHasBeenQuiet) {
-  const std::string path = testing::TempDir() + "waymark-stable-" + std::to_string(getpid());
-  std::ofstream(path) << "policy-maps: {}\n";
-  const auto written = std::chrono::steady_clock::now();
-  EXPECT_EQ(ConfigLoader::readStable(path), "policy-maps: {}\n");
-  const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - written;
-  // File times are kept in clock ticks: a few milliseconds of slack.
-  EXPECT_GE(waited.count(), ConfigLoader::kQuietSeconds - 0.02);
-  std::remove(path.c_str());
-  EXPECT_THROW(ConfigLoader::readStable(path), ConfigError);
-}
-
 }  // namespace Waymark

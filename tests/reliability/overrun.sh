@@ -30,7 +30,7 @@ ip netns add "$NS"
 ip netns exec "$NS" ip link add d0 type veth peer name d1
 ip netns exec "$NS" ip link set d1 up
 ip netns exec "$NS" ip link set d0 up
-echo "policy-maps: {}" > "$RUN/empty.yaml"
+printf "policy-maps: {}\ninterfaces: {}\n" > "$RUN/empty.yaml"
 ip netns exec "$NS" "$WAYMARKD" --config "$RUN/empty.yaml" --socket "$RUN/s.sock" \
   --state "$RUN/state.json" --trace-level 0 >"$RUN/d.log" 2>&1 &
 DAEMON=$!
