@@ -60,6 +60,17 @@ bool parseNumber(const std::string& text, double low, double high, double* out) 
 
 }  // namespace
 
+// The configuration's nexthops for a cleanup, which recognise waymark's
+// rules by them when the state file is damaged; none when it cannot be read.
+std::set<Velnet::IpGenAddr> Daemon::cleanupNexthops() const {
+  try {
+    return ConfigLoader::loadFile(options_.config).nexthops();
+  } catch (const ConfigError& e) {
+    log(std::string("cleanup without the configuration's nexthops: ") + e.what());
+    return {};
+  }
+}
+
 const char* Daemon::usage() {
   return "usage: waymarkd [--config FILE] [--socket PATH] [--state FILE] [--trace-level N]\n"
          "                [--cell-id N] [--child-time-limit S] [--metrics-listen ADDR:PORT]\n"
@@ -157,7 +168,9 @@ int Daemon::run() {
     return kExitAnotherInstance;
   }
   if (options_.cleanup) {
-    KernelSession(options_.state, options_.childTimeLimit, log).removeEverything();
+    KernelSession(options_.state, options_.childTimeLimit, log).removeEverything([this] {
+      return cleanupNexthops();
+    });
     return 0;
   }
   if (!start(&error)) {

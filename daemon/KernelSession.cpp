@@ -48,6 +48,7 @@ bool KernelSession::open(const ConfigModel& model, std::string* error, bool* for
     for (const auto& rule : routing_.rules(v6)) rules.push_back(rule);
     for (const auto& [table, routes] : routing_.routeTables(v6)) tables.push_back({v6, table});
   }
+  recognisePreviousRun(rules, [&model] { return model.nexthops(); });
   foreign_ = ForeignNumbers::of(rules, tables, journal_);
   previous_ = std::make_unique<PreviousRun>(journal_, rules);
   return true;
@@ -64,6 +65,7 @@ bool KernelSession::guardMangleTable(const ConfigModel& model, std::string* erro
       return false;
     }
     existingChains_[v6 ? 1 : 0] = Kernel::MangleReadback::chains(save);
+    previousMarks_[v6 ? 1 : 0] = Kernel::MangleReadback::marksSet(save);
     for (const auto& line : Kernel::MangleReadback::foreign(save)) {
       foreign.push_back(std::string(v6 ? "ip6tables" : "iptables") + " -t mangle " + line);
     }
@@ -299,14 +301,51 @@ void KernelSession::loadJournal() {
   for (const auto& problem : journal_.problems()) log_("error: " + problem);
 }
 
-void KernelSession::removeEverything() {
+void KernelSession::recognisePreviousRun(const std::vector<Kernel::PolicyRule>& rules,
+                                         const Nexthops& configured) {
+  if (journal_.snapshotRead()) return;
+  const auto nexthops = configured();
+  size_t rulesTaken = 0;
+  size_t tablesTaken = 0;
+  // A backup nexthop's rule has a mark no chain sets yet; its table's one
+  // default route via a nexthop of the configuration tells it.
+  const auto ours = [&](const Kernel::PolicyRule& rule) {
+    if (previousMarks_[rule.v6 ? 1 : 0].count(rule.mark) != 0) return true;
+    const auto via = routing_.soleDefaultGateway({rule.v6, rule.table});
+    return via && nexthops.count(*via) != 0;
+  };
+  for (const auto& rule : rules) {
+    if (rule.mark == 0 || journal_.holds(rule) || !ours(rule)) continue;
+    if (!journal_.previousHeld(rule)) continue;
+    ++rulesTaken;
+    const Kernel::RouteTableId table{rule.v6, rule.table};
+    if (routing_.hasRoutes(table) && journal_.previousHeld(table)) ++tablesTaken;
+  }
+  if (rulesTaken == 0) return;
+  log_("the state file is damaged or lost: " + std::to_string(rulesTaken) + " rule(s) and " +
+       std::to_string(tablesTaken) +
+       " table(s) that waymark's own chains mark for, or that route to its nexthops, are "
+       "taken as the previous run's");
+}
+
+void KernelSession::removeEverything(const Nexthops& nexthops) {
   loadJournal();
+  std::string saves[2];
+  for (const bool v6 : {false, true}) {
+    std::string error;
+    saves[v6 ? 1 : 0] = Kernel::MangleReadback::save(v6, childTimeLimit_, &error);
+    if (!error.empty()) log_(error);
+    previousMarks_[v6 ? 1 : 0] = Kernel::MangleReadback::marksSet(saves[v6 ? 1 : 0]);
+  }
+  std::vector<Kernel::PolicyRule> rules;
+  for (const bool v6 : {false, true}) {
+    for (const auto& rule : routing_.rules(v6)) rules.push_back(rule);
+  }
+  recognisePreviousRun(rules, nexthops);
   for (const auto& rule : journal_.rules()) routing_.deleteRule(rule);
   for (const auto& table : journal_.tables()) routing_.flushTable(table.v6, table.table);
   for (const bool v6 : {false, true}) {
-    std::string error;
-    const std::string save = Kernel::MangleReadback::save(v6, childTimeLimit_, &error);
-    if (!error.empty()) log_(error);
+    const std::string& save = saves[v6 ? 1 : 0];
     std::string text;
     for (const auto& line : Kernel::MangleReadback::removal(save)) text += line + "\n";
     if (text.empty()) continue;

@@ -42,8 +42,11 @@ class KernelSession : public RouterKernel {
   // tool's rules that `model` does not say to take over (`foreignMangle`
   // set then).
   bool open(const ConfigModel& model, std::string* error, bool* foreignMangle);
-  // Removes waymark's chains, rules and tables, and the journal.
-  void removeEverything();
+  // The configuration's nexthops, asked for only when they are needed.
+  using Nexthops = std::function<std::set<Velnet::IpGenAddr>()>;
+  // Removes waymark's chains, rules and tables, and the journal; with a
+  // damaged or lost state file, what is recognised as waymark's.
+  void removeEverything(const Nexthops& nexthops);
 
   // The descriptors to wait on, and what to do when they are ready.
   int routingEventsFd() const { return routingEvents_.fd(); }
@@ -105,6 +108,13 @@ class KernelSession : public RouterKernel {
   // Reads every rule and table again, after missed announcements.
   void noticeAll(Pbr::NexthopTableManager& manager);
   void removeLeftovers();
+  // When the state file is damaged or lost, the marked rules in the kernel
+  // that waymark's own chains (of the previous run) mark for, or whose
+  // table's one route is a default route via one of `nexthops`, are that
+  // run's, with their tables: recorded as such, to be removed once this run
+  // is programmed (unless it takes them again). Anything else stays another
+  // tool's.
+  void recognisePreviousRun(const std::vector<Kernel::PolicyRule>& rules, const Nexthops& nexthops);
 
   const double childTimeLimit_;
   const std::function<void(const std::string&)> log_;
@@ -113,6 +123,8 @@ class KernelSession : public RouterKernel {
   // The user chains of each family's mangle table (IPv4, IPv6) at start,
   // which the start's transaction replaces.
   std::set<std::string> existingChains_[2];
+  // The marks those chains set.
+  std::set<uint32_t> previousMarks_[2];
   std::unique_ptr<PreviousRun> previous_;
   Kernel::KernelRouting routing_;
   Kernel::IcmpProber prober_;

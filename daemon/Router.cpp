@@ -266,16 +266,9 @@ namespace {
 
 // Whether `next` names a nexthop that `current` does not.
 bool newNexthops(const ConfigModel& current, const ConfigModel& next) {
-  std::set<Velnet::IpGenAddr> known;
-  for (const auto& [name, classes] : current.policyMaps) {
-    for (const auto& c : classes) known.insert(c.nexthops.begin(), c.nexthops.end());
-  }
-  for (const auto& [name, classes] : next.policyMaps) {
-    for (const auto& c : classes) {
-      for (const auto& nexthop : c.nexthops) {
-        if (known.count(nexthop) == 0) return true;
-      }
-    }
+  const auto known = current.nexthops();
+  for (const auto& nexthop : next.nexthops()) {
+    if (known.count(nexthop) == 0) return true;
   }
   return false;
 }

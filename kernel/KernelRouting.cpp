@@ -145,6 +145,23 @@ std::map<uint32_t, uint32_t> KernelRouting::routeTables(bool v6) {
   return out;
 }
 
+std::optional<Velnet::IpGenAddr> KernelRouting::soleDefaultGateway(const RouteTableId& table) {
+  int result = 0;
+  const auto found = routes(table.v6, table.table, &result);
+  if (result != 0 || found.size() != 1) return std::nullopt;
+  const auto& m = *reinterpret_cast<const nlmsghdr*>(found.front().data());
+  if (static_cast<const rtmsg*>(NLMSG_DATA(&m))->rtm_dst_len != 0) return std::nullopt;
+  const auto attrs = attributes<rtmsg>(m);
+  const auto gateway = attrs.find(RTA_GATEWAY);
+  const size_t size = table.v6 ? 16 : 4;
+  if (gateway == attrs.end() || RTA_PAYLOAD(gateway->second) != size) return std::nullopt;
+  char text[INET6_ADDRSTRLEN] = {};
+  if (inet_ntop(family(table.v6), RTA_DATA(gateway->second), text, sizeof text) == nullptr) {
+    return std::nullopt;
+  }
+  return Velnet::IpGenAddr::tryParse(text);
+}
+
 int KernelRouting::flushTable(bool v6, uint32_t table) {
   int removed = 0;
   int result = 0;

@@ -1,5 +1,6 @@
 #include "kernel/MangleReadback.h"
 
+#include <cstdlib>
 #include <sstream>
 
 #include "kernel/ChildProcess.h"
@@ -77,6 +78,27 @@ MangleReadback::OwnPart MangleReadback::own(const std::string& save) {
       ++out.jumps;
     }
   });
+  return out;
+}
+
+std::set<uint32_t> MangleReadback::marksSet(const std::string& save) {
+  std::set<uint32_t> out;
+  for (const auto& [chain, rules] : own(save).chains) {
+    for (const auto& rule : rules) {
+      std::istringstream words(rule);
+      for (std::string word; words >> word;) {
+        if (word != "--set-xmark" && word != "--set-mark") continue;
+        std::string value;
+        words >> value;
+        char* end = nullptr;
+        const unsigned long mark = std::strtoul(value.c_str(), &end, 0);
+        if (end != value.c_str() && (*end == '\0' || *end == '/') && mark != 0 &&
+            mark <= UINT32_MAX) {
+          out.insert(static_cast<uint32_t>(mark));
+        }
+      }
+    }
+  }
   return out;
 }
 

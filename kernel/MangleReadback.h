@@ -44,6 +44,10 @@ class MangleReadback {
   // CHAIN" for each chain of another name.
   static std::vector<std::string> foreign(const std::string& save);
   static OwnPart own(const std::string& save);
+  // The marks waymark's own rules in `save` set ("-j MARK --set-xmark M/..."
+  // or "--set-mark M"): what tells its ip rules from others' when the state
+  // file cannot.
+  static std::set<uint32_t> marksSet(const std::string& save);
   // The user chains of `save`, waymark's and others'.
   static std::set<std::string> chains(const std::string& save);
   // The iptables-restore lines that remove waymark's part of `save` and

@@ -116,8 +116,6 @@ StateJournal::FileMark StateJournal::markOf(const std::string& path) {
   return {st.st_ino, st.st_size, st.st_ctim.tv_sec * 1'000'000'000LL + st.st_ctim.tv_nsec};
 }
 
-namespace {}  // namespace
-
 void StateJournal::loadSnapshot() {
   std::ifstream in(path_);
   if (!in) return;
@@ -147,6 +145,21 @@ void StateJournal::loadSnapshot() {
   }
   rules_ = std::move(rules);
   tables_ = std::move(tables);
+  snapshotRead_ = true;
+}
+
+bool StateJournal::previousHeld(const PolicyRule& rule) {
+  if (holds(rule) || refused(rule, "the kernel")) return false;
+  if (!append("+" + ruleText(rule))) return false;
+  rules_[rule] = {false, Velnet::IpGenAddr()};
+  return true;
+}
+
+bool StateJournal::previousHeld(const RouteTableId& table) {
+  if (holds(table) || refused(table, "the kernel")) return false;
+  if (!append("+" + tableText(table))) return false;
+  tables_[table] = false;
+  return true;
 }
 
 template <typename Record>

@@ -56,6 +56,15 @@ class StateJournal {
   bool tableHeld(const RouteTableId& table);
   void tableReleased(const RouteTableId& table);
 
+  // Records a rule or table of the previous run that the file does not name
+  // (damaged or lost) but that is known to be waymark's by other means;
+  // false when it is held already, implausible, or cannot be written.
+  bool previousHeld(const PolicyRule& rule);
+  bool previousHeld(const RouteTableId& table);
+  // Whether load() read a snapshot whole: false when there was none, or a
+  // damaged one.
+  bool snapshotRead() const { return snapshotRead_; }
+
   bool holds(const PolicyRule& rule) const { return rules_.count(rule) != 0; }
   bool holds(const RouteTableId& table) const { return tables_.count(table) != 0; }
   // Rules and tables held, this run's and the previous run's.
@@ -108,6 +117,7 @@ class StateJournal {
   std::map<RouteTableId, bool> tables_;
   std::string error_;
   std::vector<std::string> problems_;
+  bool snapshotRead_ = false;
   // The snapshot as this run last wrote or read it (inode, size, change
   // time); all 0 for none.
   struct FileMark {

@@ -4,7 +4,9 @@
 # with nothing changed; a nexthop whose numbers cannot be recorded is not
 # programmed, says so, and is programmed by itself once there is room; after
 # kill -9 on a full disk and a restart with room, the kernel holds exactly
-# what the record holds, and the state file parses throughout. Real
+# what the record holds, and the state file parses throughout. A damaged
+# state file is said, and what waymark's own chains marked for is still
+# recognised as its own, by a start and by --cleanup. Real
 # namespaces and traffic (examples/lab.sh). Ends with "N passed, N failed".
 # Usage: tests/e2e/journal_e2e.sh BUILD
 set -uo pipefail
@@ -127,4 +129,29 @@ check "...and tables" "$(in_kernel table)" "$(recorded table)"
 check "...which is what is in use" "$(in_kernel rule | wc -l)" \
   "$(lab_ctl status --json | jq '[.nexthops[] | select(.programmed)] | length')"
 check "...and it steers" "$(lab_arrived 4 tcp 80)" nh1
+
+echo "== a damaged state file"
+# Another tool's marked rule, which no chain of waymark's marks for.
+in_ns router ip route add default via 203.0.113.2 table 77
+in_ns router ip rule add priority 100 fwmark 0x77 lookup 77
+theirs="4 100"
+lab_stop_daemon
+before=$(in_kernel rule | grep -vx "$theirs")
+printf '{"rules": [[4, 2, 2' > "$STATE"
+rm -f "$STATE.journal"
+lab_start_daemon "$RUN/live.yaml" >/dev/null
+check "the start says so" \
+  "$(lab_ctl status --json | jq '[.journal.problems[] | select(test("is damaged"))] | length')" 1
+check "...takes the rules its own chains marked for as the previous run's" \
+  "$(grep -c 'the state file is damaged or lost: [1-9][0-9]* rule' "$RUN/waymarkd.log")" 1
+check "...so that the kernel holds what is recorded once it is started" \
+  "$(in_kernel rule | grep -vx "$theirs")" "$(recorded rule)"
+check "...leaves another tool's rule and table" "$(in_ns router ip rule show priority 100 | wc -l) $(in_ns router ip route show table 77 | wc -l)" "1 1"
+check "...and steers" "$(lab_arrived 4 tcp 80)" nh1
+lab_stop_daemon
+printf 'garbage' > "$STATE"
+in_ns router "$WAYMARKD" --cleanup --config "$RUN/live.yaml" --state "$STATE" >>"$RUN/waymarkd.log" 2>&1
+check "--cleanup with a damaged state file removes waymark's rules" "$(in_kernel rule)" "$theirs"
+check "...its tables" "$(in_kernel table)" "4 77"
+check "...and its chains" "$(mangle | grep -c PBR)" 0
 finish
