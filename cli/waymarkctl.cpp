@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "cli/StatusFormatter.h"
-#include "daemon/ControlServer.h"
+#include "control/ControlServer.h"
 
 namespace {
 

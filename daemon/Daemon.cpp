@@ -18,13 +18,13 @@
 #include <mutex>
 #include <thread>
 
-#include "daemon/ConfigLinter.h"
-#include "daemon/ConfigLoader.h"
-#include "daemon/DryRun.h"
+#include "config/ConfigLoader.h"
 #include "framework/ActivityManager.h"
 #include "framework/String.h"
 #include "framework/Trace.h"
+#include "insight/ConfigLinter.h"
 #include "policymap/Cell.h"
+#include "sync/DryRun.h"
 
 namespace Waymark {
 

@@ -26,14 +26,14 @@
 #include <prometheus/exposer.h>
 #include <nlohmann/json.hpp>
 
-#include "daemon/ControlServer.h"
-#include "daemon/InstanceLock.h"
-#include "daemon/KernelSession.h"
-#include "daemon/MetricsSnapshot.h"
+#include "control/ControlServer.h"
+#include "control/InstanceLock.h"
+#include "control/SystemdNotifier.h"
 #include "daemon/Router.h"
-#include "daemon/SystemdNotifier.h"
 #include "framework/TimeSource.h"
+#include "insight/MetricsSnapshot.h"
 #include "kernel/NetlinkListener.h"
+#include "sync/KernelSession.h"
 
 namespace Waymark {
 

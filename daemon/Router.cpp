@@ -10,13 +10,13 @@
 #include <sstream>
 #include <utility>
 
-#include "daemon/ConfigLinter.h"
-#include "daemon/ConfigLoader.h"
-#include "daemon/MetricsSnapshot.h"
-#include "daemon/PacketMatcher.h"
-#include "daemon/ReloadPlan.h"
-#include "daemon/StatusReport.h"
+#include "config/ConfigLoader.h"
+#include "config/ReloadPlan.h"
 #include "framework/ActivityManager.h"
+#include "insight/ConfigLinter.h"
+#include "insight/MetricsSnapshot.h"
+#include "insight/PacketMatcher.h"
+#include "insight/StatusReport.h"
 #include "net/Ip6Prefix.h"
 #include "net/Prefix.h"
 #include "plugin/ClassCommonData.h"

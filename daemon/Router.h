@@ -37,17 +37,17 @@
 #include <prometheus/metric_family.h>
 #include <nlohmann/json.hpp>
 
+#include "config/ConfigApplier.h"
+#include "config/ConfigGate.h"
+#include "config/ConfigModel.h"
 #include "daemon/BackgroundWork.h"
-#include "daemon/ConfigApplier.h"
-#include "daemon/ConfigGate.h"
-#include "daemon/ConfigModel.h"
-#include "daemon/HealthMonitor.h"
-#include "daemon/InterfaceStatusSync.h"
-#include "daemon/RouterKernel.h"
-#include "daemon/StatusReport.h"
 #include "framework/TimeSource.h"
+#include "health/HealthMonitor.h"
+#include "insight/StatusReport.h"
 #include "plugin/AclPlugin.h"
 #include "policymap/Stordb.h"
+#include "sync/InterfaceStatusSync.h"
+#include "sync/RouterKernel.h"
 
 namespace Waymark {
 

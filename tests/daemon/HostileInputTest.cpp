@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/ConfigLoader.h"
+#include "config/ConfigLoader.h"
 #include "tests/plugin/PbrSystemTest.h"
 #include "tests/support/KernelText.h"
 #include "tests/support/KernelTextHarness.h"

@@ -17,7 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "daemon/ControlServer.h"
+#include "control/ControlServer.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/NetworkNamespace.h"
 

@@ -6,8 +6,8 @@
 #include <functional>
 #include <memory>
 
-#include "daemon/InterfaceStatusSync.h"
 #include "kernel/NetlinkListener.h"
+#include "sync/InterfaceStatusSync.h"
 #include "tests/support/NetworkNamespace.h"
 
 namespace waymark::test {

@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "daemon/ConfigLoader.h"
-#include "daemon/PacketMatcher.h"
+#include "config/ConfigLoader.h"
+#include "insight/PacketMatcher.h"
 #include "kernel/MangleReadback.h"
 #include "policymap/IptablesManager.h"
 #include "tests/support/NetworkNamespace.h"

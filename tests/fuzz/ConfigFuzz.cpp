@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "daemon/ConfigLoader.h"
+#include "config/ConfigLoader.h"
 #include "framework/Trace.h"
 #include "tests/support/KernelText.h"
 #include "tests/support/KernelTextHarness.h"

@@ -15,8 +15,8 @@
 #include <string>
 #include <utility>
 
-#include "daemon/RouterKernel.h"
 #include "kernel/RestoreIptablesWriter.h"
+#include "sync/RouterKernel.h"
 #include "tests/support/RecordingCommandRunner.h"
 #include "tests/support/RecordingIptablesWriter.h"
 #include "tests/support/RecordingProbeSender.h"

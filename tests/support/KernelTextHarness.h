@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/ConfigLoader.h"
+#include "config/ConfigLoader.h"
 #include "tests/support/PbrSystem.h"
 
 namespace waymark::test {

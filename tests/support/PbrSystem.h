@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/ConfigLoader.h"
+#include "config/ConfigLoader.h"
 #include "daemon/Router.h"
 
 #include "plugin/AclPlugin.h"
