@@ -18,8 +18,8 @@
 # command (the shell executor), for everything else.
 #
 # Usage: bench/scale.sh BUILD_DIR [SIZES...]   sizes as S:N, default 1000:10 10000:100 50000:1000
-# Prints a table; writes bench-scale.tsv and, with gnuplot, bench-scale.png
-# in the current directory. Needs root.
+# Prints a table; writes docs/bench-scale.tsv and, with gnuplot,
+# docs/bench-scale.png beside the benchmarks' page. Needs root.
 set -uo pipefail
 BUILD=${1:-build}; shift || true
 SIZES=${*:-"1000:10 10000:100 50000:1000"}
@@ -27,7 +27,8 @@ WAYMARKD=$BUILD/daemon/waymarkd
 WAYMARKCTL=$BUILD/cli/waymarkctl
 NS=wmscale$$
 RUN=/run/waymark-scale-$$
-OUT=bench-scale.tsv
+DOCS=$(cd "$(dirname "$0")/../docs" && pwd)
+OUT=$DOCS/bench-scale.tsv
 [ "$(id -u)" = 0 ] || { echo "scale benchmark: needs root"; exit 0; }
 mkdir -p "$RUN"
 DAEMON=
@@ -135,7 +136,7 @@ column -t -s $'\t' "$OUT"
 if command -v gnuplot >/dev/null; then
   gnuplot <<GNUPLOT
 set terminal pngcairo size 800,500
-set output 'bench-scale.png'
+set output '$DOCS/bench-scale.png'
 set title 'Time to program S sub-rules (2S mangle rules) and N nexthops'
 set xlabel 'sub-rules (S); nexthops N = S / 100'
 set ylabel 'seconds'
@@ -147,5 +148,5 @@ plot '$OUT' every ::1 using 2:4 with linespoints title 'waymarkd, ip processes',
      '' every ::1 using 2:11 with linespoints title 'limit: one restore, one ip -batch', \
      '' every ::1 using 2:12 with linespoints title 'naive: a process per line (estimated)'
 GNUPLOT
-  echo "plot: bench-scale.png"
+  echo "plot: $DOCS/bench-scale.png"
 fi
