@@ -2,18 +2,16 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cmath>
-#include <ctime>
 #include <map>
-#include <optional>
-#include <sstream>
 #include <utility>
 
 #include "config/ConfigLoader.h"
 #include "config/ReloadPlan.h"
 #include "framework/ActivityManager.h"
+#include "insight/ChangeNotices.h"
 #include "insight/ConfigLinter.h"
+#include "insight/Explanation.h"
 #include "insight/MetricsSnapshot.h"
 #include "insight/PacketMatcher.h"
 #include "insight/StatusReport.h"
@@ -402,90 +400,31 @@ HealthMonitor::Link Router::linkOf(const Velnet::IpGenAddr& nexthop) const {
 }
 
 void Router::event(const std::string& kind, const std::string& text) {
-  constexpr size_t kKept = 256;
-  char when[32] = "";
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  events_.push_back({clock_.now() - startedAt_, when, kind, text});
-  if (events_.size() > kKept) events_.pop_front();
-  if (log_) log_(text);
+  events_.add(clock_.now() - startedAt_, kind, text);
 }
 
 void Router::noticeChanges() {
   const auto& m = *plugin_->nexthopTableManager();
   const auto v4 = plugin_->aclHelper()->aclTypeData(PolicyMap::matchIpv4);
   const auto v6 = plugin_->aclHelper()->aclTypeData(PolicyMap::matchIpv6);
-  const uint32_t failed[2] = {v4 ? v4->iptablesManager()->batchesFailed() : 0u,
-                              v6 ? v6->iptablesManager()->batchesFailed() : 0u};
+  ChangeNotices::Batches batches;
+  for (const size_t i : {0, 1}) {
+    const auto& typeData = i == 0 ? v4 : v6;
+    if (!typeData) continue;
+    batches.failed[i] = typeData->iptablesManager()->batchesFailed();
+    batches.lastError[i] = typeData->iptablesManager()->lastError();
+  }
   // Nothing the plug-in did since the last look: nothing to compare.
-  const auto activity =
-      std::make_tuple(m.nexthopsAdded(), m.nexthopsDeleted(), m.pendingNexthops().members(),
-                      m.nexthopsWithoutResources().members(), m.programmedSet().members(),
-                      gate_.waiting(), applier_.applications(), failed[0], failed[1],
-                      ipStatus_->ipIntfStatusMap().members() + ip6Status_->intfMap().members());
+  const auto activity = std::make_tuple(
+      m.nexthopsAdded(), m.nexthopsDeleted(), m.pendingNexthops().members(),
+      m.nexthopsWithoutResources().members(), m.programmedSet().members(), gate_.waiting(),
+      applier_.applications(), batches.failed[0], batches.failed[1],
+      ipStatus_->ipIntfStatusMap().members() + ip6Status_->intfMap().members());
   if (activity == activity_) return;
   activity_ = activity;
-
   const nlohmann::json now = StatusReport::build(*plugin_, unrecorded());
-  std::map<Velnet::IpGenAddr, std::string> states;
-  for (const auto& n : now["nexthops"]) {
-    states[Velnet::IpGenAddr::parse(n["address"].get<std::string>())] = n["state"];
-  }
-  for (const auto& [address, state] : states) {
-    const auto before = nexthopStates_.find(address);
-    const std::string was = before == nexthopStates_.end() ? "" : before->second;
-    if (state == was) continue;
-    if (state == Reason::kProgrammed) {
-      event("nexthop-programmed", "nexthop " + address.stringValue() + " programmed (table " +
-                                      std::to_string(m.routeTable(address)) + ", mark " +
-                                      std::to_string(m.fwmark(address)) + ")");
-    } else if (was == Reason::kProgrammed) {
-      event("nexthop-withdrawn", "nexthop " + address.stringValue() + " withdrawn: " + state);
-    } else if (state == Reason::kKernelRefused) {
-      event("nexthop-refused", "nexthop " + address.stringValue() +
-                                   " not programmed: the kernel refused its route or rule");
-    } else if (state == Reason::kNotRecorded) {
-      event("nexthop-refused", "nexthop " + address.stringValue() +
-                                   " not programmed: the state journal cannot record it; "
-                                   "programmed once it can");
-    }
-  }
-  nexthopStates_ = std::move(states);
-
-  std::set<std::string> warnings = runTimeWarnings(now);
-  for (const auto& w : warnings) {
-    if (warned_.count(w) == 0) event("warning", w);
-  }
-  warned_ = std::move(warnings);
-
-  std::map<std::pair<std::string, std::string>, std::string> selections;
-  for (const auto& p : now["policies"]) {
-    for (const auto& c : p["classes"]) {
-      if (c["passthrough"].get<bool>()) continue;
-      const std::string nexthop = c["nexthop"].is_null() ? "none" : c["nexthop"].get<std::string>();
-      const auto key = std::make_pair(p["name"].get<std::string>(), c["name"].get<std::string>());
-      if (selections.count(key) != 0) continue;  // the other family's entry
-      selections[key] = nexthop;
-      const auto before = selections_.find(key);
-      const std::string was = before == selections_.end() ? "none" : before->second;
-      if (was == nexthop) continue;
-      event("class-nexthop",
-            "policy " + key.first + " class " + key.second + ": nexthop " + was + " -> " + nexthop);
-    }
-  }
-  selections_ = std::move(selections);
-
-  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
-    const auto typeData = option == PolicyMap::matchIpv4 ? v4 : v6;
-    const size_t i = option == PolicyMap::matchIpv4 ? 0 : 1;
-    if (typeData && failed[i] > batchesFailed_[i]) {
-      event("batch-refused",
-            std::string(PolicyMap::familyName(option)) +
-                " iptables batch refused: " + typeData->iptablesManager()->lastError());
-    }
-    batchesFailed_[i] = failed[i];
+  for (const auto& notice : notices_.since(now, runTimeWarnings(now), batches)) {
+    event(notice.kind, notice.text);
   }
 }
 
@@ -508,126 +447,16 @@ std::set<std::string> Router::runTimeWarnings(const nlohmann::json& status) cons
   return out;
 }
 
-nlohmann::json Router::eventsJson() const {
-  nlohmann::json out = nlohmann::json::array();
-  for (const auto& e : events_) {
-    out.push_back({{"time", e.time}, {"uptime", e.uptime}, {"kind", e.kind}, {"text", e.text}});
-  }
-  return {{"events", out}};
-}
-
-namespace {
-
-// The packet an explain request describes; `error` set when it is not one.
-std::optional<Packet> packetOf(const nlohmann::json& request, std::string* error) {
-  Packet p;
-  p.in = request.value("in", "");
-  if (!Velnet::IntfId::validName(p.in)) {
-    *error = "--in must name an interface";
-    return std::nullopt;
-  }
-  const auto src = Velnet::IpGenAddr::tryParse(request.value("src", ""));
-  const auto dst = Velnet::IpGenAddr::tryParse(request.value("dst", ""));
-  if (!src || !dst || src->family() != dst->family()) {
-    *error = "--src and --dst must be addresses of one family";
-    return std::nullopt;
-  }
-  p.src = *src;
-  p.dst = *dst;
-  const std::string proto = request.value("proto", "");
-  const std::map<std::string, uint8_t> names = {{"tcp", Acl::Protocol::tcp},
-                                                {"udp", Acl::Protocol::udp},
-                                                {"icmp", Acl::Protocol::icmp},
-                                                {"icmpv6", Acl::Protocol::icmpv6},
-                                                {"sctp", Acl::Protocol::sctp}};
-  if (names.count(proto) != 0) {
-    p.protocol = names.at(proto);
-  } else if (!proto.empty() && proto.size() <= 3 &&
-             proto.find_first_not_of("0123456789") == std::string::npos &&
-             std::stoi(proto) <= 255) {
-    p.protocol = static_cast<uint8_t>(std::stoi(proto));
-  } else {
-    *error = "--proto must be tcp, udp, icmp, icmpv6, sctp or a number up to 255";
-    return std::nullopt;
-  }
-  for (const auto& [key, port] :
-       {std::make_pair("sport", &p.sport), std::make_pair("dport", &p.dport)}) {
-    if (!request.contains(key)) continue;
-    const auto& v = request[key];
-    if (!v.is_number_integer() || v.get<int64_t>() < 0 || v.get<int64_t>() > 65535) {
-      *error = std::string("--") + key + " must be a port from 0 to 65535";
-      return std::nullopt;
-    }
-    *port = static_cast<uint16_t>(v.get<int64_t>());
-  }
-  const std::map<std::string, uint8_t> flags = {
-      {"fin", Acl::TcpFlag::fin}, {"syn", Acl::TcpFlag::syn}, {"rst", Acl::TcpFlag::rst},
-      {"psh", Acl::TcpFlag::psh}, {"ack", Acl::TcpFlag::ack}, {"urg", Acl::TcpFlag::urg}};
-  std::string list = request.value("tcpFlags", "");
-  for (char& c : list) c = c == ',' ? ' ' : static_cast<char>(std::tolower(c));
-  std::istringstream words(list);
-  for (std::string flag; words >> flag;) {
-    if (flags.count(flag) == 0) {
-      *error = "unknown TCP flag " + Vix::quoted(flag) + " (fin, syn, rst, psh, ack, urg)";
-      return std::nullopt;
-    }
-    p.tcpFlags |= flags.at(flag);
-  }
-  return p;
-}
-
-}  // namespace
-
 nlohmann::json Router::explain(const nlohmann::json& request) {
   std::string error;
-  const auto packet = packetOf(request, &error);
+  const auto packet = Explanation::packetOf(request, &error);
   if (!packet) return {{"ok", false}, {"error", error}};
-  const PacketMatch match = PacketMatcher::match(applier_.applied(), *packet);
-  nlohmann::json out = {
-      {"ok", true},
-      {"policy", match.policy.empty() ? nlohmann::json() : nlohmann::json(match.policy)},
-      {"class", nullptr},
-      {"rule", nullptr},
-      {"fwmark", nullptr},
-      {"table", nullptr},
-      {"nexthop", nullptr},
-      {"nexthopState", nullptr}};
+  const Explanation::Context context{*plugin_, unrecorded(), [this](const Velnet::IpGenAddr& a) {
+                                       const auto health = health_.view(a);
+                                       return health && !health->up;
+                                     }};
   uint32_t mark = 0;
-  if (match.policyClass != nullptr) {
-    const auto& c = *match.policyClass;
-    out["class"] = c.className;
-    std::string rule = match.list + " " + match.rule->text();
-    if (match.subRuleFlags != 0)
-      rule += " (sub-rule " + Acl::TcpFlag(match.subRuleFlags).names() + ")";
-    out["rule"] = rule;
-    out["passthrough"] = c.passthrough;
-    const auto& manager = *plugin_->nexthopTableManager();
-    // The nexthop the class's selector chose; without one, the first of
-    // its list says why.
-    Velnet::IpGenAddr inUse;
-    for (const auto& sm : plugin_->pbrAclPluginSm()->policyMapSms()) {
-      if (sm->key().name() != match.policy) continue;
-      for (const auto& cls : sm->classes()) {
-        if (cls->name() != c.className) continue;
-        const auto data = Vix::ptrCast<Pbr::ClassCommonData>(cls->commonData());
-        if (data) inUse = data->nexthopValue();
-      }
-    }
-    if (!inUse.isUnset() && manager.programmed(inUse)) {
-      mark = manager.fwmark(inUse);
-      out["nexthop"] = inUse.stringValue();
-      out["fwmark"] = mark;
-      out["table"] = manager.routeTable(inUse);
-      out["nexthopState"] = StatusReport::nexthopState(manager, inUse, unrecorded());
-    } else if (!c.nexthops.empty()) {
-      const auto& first = c.nexthops.front();
-      const auto health = health_.view(first);
-      out["nexthopState"] =
-          first.stringValue() + ": " +
-          (health && !health->up ? std::string("down by its health check")
-                                 : StatusReport::nexthopState(manager, first, unrecorded()));
-    }
-  }
+  nlohmann::json out = Explanation::of(applier_.applied(), *packet, context, &mark);
   out["kernelRoute"] = kernel_.routeLookup(packet->src, packet->dst, packet->in, mark);
   return out;
 }
@@ -813,7 +642,7 @@ nlohmann::json Router::answer(const nlohmann::json& request) {
     const std::string error = setTunable(request.value("tunable", ""), request.value("value", ""));
     return {{"ok", error.empty()}, {"error", error}};
   }
-  if (command == "events") return eventsJson();
+  if (command == "events") return events_.toJson();
   if (command == "resync") {
     resync();
     return {{"ok", true}, {"error", ""}};

@@ -24,7 +24,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -43,6 +42,8 @@
 #include "daemon/BackgroundWork.h"
 #include "framework/TimeSource.h"
 #include "health/HealthMonitor.h"
+#include "insight/ChangeNotices.h"
+#include "insight/EventLog.h"
 #include "insight/StatusReport.h"
 #include "plugin/AclPlugin.h"
 #include "policymap/Stordb.h"
@@ -148,7 +149,6 @@ class Router {
   // Turns what changed since the last look (nexthop states, each class's
   // nexthop, refused batches) into events.
   void noticeChanges();
-  nlohmann::json eventsJson() const;
   // What does not work at run time: applied interfaces that do not exist,
   // nexthops outside every connected subnet.
   std::set<std::string> runTimeWarnings(const nlohmann::json& status) const;
@@ -221,24 +221,14 @@ class Router {
   };
   StartRetry startRetry_;
 
-  struct Event {
-    double uptime;
-    std::string time;  // wall clock, ISO 8601 UTC
-    std::string kind;
-    std::string text;
-  };
-  // The latest events, oldest first.
-  std::deque<Event> events_;
   const Log log_;
-  // What noticeChanges() saw last, and a cheap summary of the plug-in's
-  // activity that tells whether to look again.
-  std::map<Velnet::IpGenAddr, std::string> nexthopStates_;
-  std::map<std::pair<std::string, std::string>, std::string> selections_;
-  uint32_t batchesFailed_[2] = {0, 0};
+  EventLog events_{log_};
+  ChangeNotices notices_;
+  // A cheap summary of the plug-in's activity that tells whether to look
+  // for changes again.
   std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, bool, uint32_t, uint32_t, uint32_t,
              uint32_t>
       activity_{};
-  std::set<std::string> warned_;
   std::vector<std::string> configWarnings_;
   // Who waits for the counters' read-back on its way.
   std::vector<std::function<void(nlohmann::json)>> countersAsked_;
