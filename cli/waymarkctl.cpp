@@ -116,38 +116,100 @@ int explain(const std::string& socket, const std::vector<std::string>& args) {
   return 0;
 }
 
-int run(const std::string& socket, const std::vector<std::string>& args) {
+// status, policies, nexthops and counters: parts of one status.
+int showStatus(const std::string& socket, const std::string& command, bool json) {
   using Waymark::StatusFormatter;
+  const auto status = ask(socket, {{"command", "status"}}, "idle");
+  if (command == "counters") {
+    const auto traffic = ask(socket, {{"command", "counters"}}, "classes");
+    if (json) {
+      auto out = status.at("counters");
+      out["classes"] = traffic.at("classes");
+      std::printf("%s\n", out.dump(2).c_str());
+      return 0;
+    }
+    std::fputs(
+        (StatusFormatter::classTraffic(traffic) + "\n" + StatusFormatter::counters(status)).c_str(),
+        stdout);
+    return 0;
+  }
+  if (json) {
+    const auto& part = command == "status" ? status : status.at(command);
+    std::printf("%s\n", part.dump(2).c_str());
+    return 0;
+  }
+  const std::string out = command == "status"     ? StatusFormatter::all(status)
+                          : command == "policies" ? StatusFormatter::policies(status)
+                                                  : StatusFormatter::nexthops(status);
+  std::fputs(out.c_str(), stdout);
+  return 0;
+}
+
+int showEvents(const std::string& socket, bool json) {
+  const auto reply = ask(socket, {{"command", "events"}}, "events");
+  if (json) {
+    std::printf("%s\n", reply.dump(2).c_str());
+    return 0;
+  }
+  for (const auto& e : reply.at("events")) {
+    std::printf("%s  %s\n", e.at("time").get<std::string>().c_str(),
+                e.at("text").get<std::string>().c_str());
+  }
+  return 0;
+}
+
+int reload(const std::string& socket) {
+  const auto reply = Waymark::controlRequest(socket, {{"command", "reload"}});
+  if (!reply.at("ok").get<bool>()) {
+    std::fprintf(stderr, "reload refused, nothing changed: %s\n",
+                 reply.at("error").get<std::string>().c_str());
+    return 1;
+  }
+  std::puts("reloaded");
+  std::printf("changes: %s\n", reply.value("planText", "nothing").c_str());
+  for (const auto& w : reply.value("warnings", nlohmann::json::array())) {
+    std::printf("%s\n", w.get<std::string>().c_str());
+  }
+  return 0;
+}
+
+int setTunable(const std::string& socket, const std::string& tunable, const std::string& value) {
+  const auto reply =
+      Waymark::controlRequest(socket, {{"command", "set"}, {"tunable", tunable}, {"value", value}});
+  if (!reply.at("ok").get<bool>()) {
+    std::fprintf(stderr, "%s\n", reply.at("error").get<std::string>().c_str());
+    return 1;
+  }
+  std::printf("%s is %s until the next reload; the file's value applies then\n", tunable.c_str(),
+              value.c_str());
+  return 0;
+}
+
+// wait-idle, and resync, which waits the same way for its rebuild.
+int untilIdle(const std::string& socket, const std::vector<std::string>& args) {
+  double timeout = 60;
+  if (args.size() == 3 && args[1] == "--timeout") {
+    timeout = std::atof(args[2].c_str());
+  } else if (args.size() != 1) {
+    return usage();
+  }
+  const bool resync = args[0] == "resync";
+  if (resync) Waymark::controlRequest(socket, {{"command", "resync"}});
+  if (!waitIdle(socket, timeout)) return 1;
+  if (resync) {
+    const auto status = ask(socket, {{"command", "status"}}, "idle");
+    std::printf("resynced; drift: %s\n", status.value("drift", "none").c_str());
+  }
+  return 0;
+}
+
+int run(const std::string& socket, const std::vector<std::string>& args) {
   const std::string& command = args[0];
   const bool json = args.size() > 1 && args[1] == "--json";
+  const bool plainOrJson = args.size() == 1 || (args.size() == 2 && json);
   if (command == "status" || command == "policies" || command == "nexthops" ||
       command == "counters") {
-    if (args.size() > 2 || (args.size() == 2 && !json)) return usage();
-    const auto status = ask(socket, {{"command", "status"}}, "idle");
-    if (command == "counters") {
-      const auto traffic = ask(socket, {{"command", "counters"}}, "classes");
-      if (json) {
-        auto out = status.at("counters");
-        out["classes"] = traffic.at("classes");
-        std::printf("%s\n", out.dump(2).c_str());
-        return 0;
-      }
-      std::fputs((StatusFormatter::classTraffic(traffic) + "\n" + StatusFormatter::counters(status))
-                     .c_str(),
-                 stdout);
-      return 0;
-    }
-    if (json) {
-      const auto& part = command == "status" ? status : status.at(command);
-      std::printf("%s\n", part.dump(2).c_str());
-      return 0;
-    }
-    const std::string out = command == "status"     ? StatusFormatter::all(status)
-                            : command == "policies" ? StatusFormatter::policies(status)
-                            : command == "nexthops" ? StatusFormatter::nexthops(status)
-                                                    : StatusFormatter::counters(status);
-    std::fputs(out.c_str(), stdout);
-    return 0;
+    return plainOrJson ? showStatus(socket, command, json) : usage();
   }
   if (command == "explain") return explain(socket, args);
   if (command == "metrics" && args.size() == 1) {
@@ -155,57 +217,10 @@ int run(const std::string& socket, const std::vector<std::string>& args) {
     std::fputs(reply.at("text").get<std::string>().c_str(), stdout);
     return 0;
   }
-  if (command == "events" && (args.size() == 1 || (args.size() == 2 && json))) {
-    const auto reply = ask(socket, {{"command", "events"}}, "events");
-    if (json) {
-      std::printf("%s\n", reply.dump(2).c_str());
-      return 0;
-    }
-    for (const auto& e : reply.at("events")) {
-      std::printf("%s  %s\n", e.at("time").get<std::string>().c_str(),
-                  e.at("text").get<std::string>().c_str());
-    }
-    return 0;
-  }
-  if (command == "reload" && args.size() == 1) {
-    const auto reply = Waymark::controlRequest(socket, {{"command", "reload"}});
-    if (reply.at("ok").get<bool>()) {
-      std::puts("reloaded");
-      std::printf("changes: %s\n", reply.value("planText", "nothing").c_str());
-      for (const auto& w : reply.value("warnings", nlohmann::json::array())) {
-        std::printf("%s\n", w.get<std::string>().c_str());
-      }
-      return 0;
-    }
-    std::fprintf(stderr, "reload refused, nothing changed: %s\n",
-                 reply.at("error").get<std::string>().c_str());
-    return 1;
-  }
-  if (command == "set" && args.size() == 3) {
-    const auto reply = Waymark::controlRequest(
-        socket, {{"command", "set"}, {"tunable", args[1]}, {"value", args[2]}});
-    if (reply.at("ok").get<bool>()) {
-      std::printf("%s is %s until the next reload; the file's value applies then\n",
-                  args[1].c_str(), args[2].c_str());
-      return 0;
-    }
-    std::fprintf(stderr, "%s\n", reply.at("error").get<std::string>().c_str());
-    return 1;
-  }
-  if (command == "wait-idle" || command == "resync") {
-    double timeout = 60;
-    if (args.size() == 3 && args[1] == "--timeout")
-      timeout = std::atof(args[2].c_str());
-    else if (args.size() != 1)
-      return usage();
-    if (command == "resync") Waymark::controlRequest(socket, {{"command", "resync"}});
-    if (!waitIdle(socket, timeout)) return 1;
-    if (command == "resync") {
-      const auto status = ask(socket, {{"command", "status"}}, "idle");
-      std::printf("resynced; drift: %s\n", status.value("drift", "none").c_str());
-    }
-    return 0;
-  }
+  if (command == "events" && plainOrJson) return showEvents(socket, json);
+  if (command == "reload" && args.size() == 1) return reload(socket);
+  if (command == "set" && args.size() == 3) return setTunable(socket, args[1], args[2]);
+  if (command == "wait-idle" || command == "resync") return untilIdle(socket, args);
   return usage();
 }
 

@@ -234,123 +234,154 @@ PolicyClassSpec readPolicyClass(Reader& r, const ConfigModel& model, const YamlN
 constexpr const char* kSteeringSections[] = {"access-lists", "class-maps", "policy-maps",
                                              "interfaces"};
 
-ConfigModel readModel(Reader& r, const YamlNode& root) {
-  ConfigModel model;
-  const std::string kEmpty =
-      "no access-lists, class-maps, policy-maps or interfaces: the file is empty or cut short "
-      "(say 'policy-maps: {}' and 'interfaces: {}' to mean none)";
-  if (!root || root.isNull()) r.failFile(kEmpty);
-  const auto top = r.entries(root, "the configuration",
-                             {"tunables", "mangle-table", "nexthop-groups", "health-checks",
-                              "access-lists", "class-maps", "policy-maps", "interfaces"});
-  auto section = [&](const char* name) {
-    for (const auto& [key, value] : top) {
-      if (key.scalar() == name) return value;
+void readNexthopGroups(Reader& r, const YamlNode& groups, ConfigModel& model) {
+  for (const auto& [key, value] : r.entries(groups, "nexthop-groups")) {
+    const std::string n = r.name(key, "nexthop group name");
+    model.lines.nexthopGroups[n] = key.line();
+    model.nexthopGroups.emplace(
+        n, readNexthopList(r, value, "the nexthops of group " + Vix::quoted(n)));
+  }
+}
+
+void readHealthChecks(Reader& r, const YamlNode& checks, ConfigModel& model) {
+  for (const auto& [key, value] : r.entries(checks, "health-checks")) {
+    const std::string text = r.scalar(key, "a nexthop address");
+    const auto nexthop = Velnet::IpGenAddr::tryParse(text);
+    if (!nexthop) r.fail(key, "invalid nexthop address " + Vix::quoted(text));
+    if (model.healthChecks.count(*nexthop) != 0) {
+      r.fail(key, "nexthop " + Vix::quoted(text) + " has two health checks");
     }
-    return YamlNode();
-  };
-  // A key with nothing after it is what a file cut short looks like:
-  // emptiness is said explicitly.
+    model.lines.healthChecks[*nexthop] = key.line();
+    model.healthChecks.emplace(*nexthop, readHealthCheck(r, *nexthop, value));
+  }
+}
+
+void readAccessLists(Reader& r, const YamlNode& lists, ConfigModel& model) {
+  for (const auto& [key, value] : r.entries(lists, "access-lists")) {
+    const std::string n = r.name(key, "access-list name");
+    model.lines.accessLists[n] = key.line();
+    model.accessLists.emplace(n, readAccessList(r, n, value, model.lines));
+  }
+}
+
+void readClassMaps(Reader& r, const YamlNode& classes, ConfigModel& model) {
+  for (const auto& [key, value] : r.entries(classes, "class-maps")) {
+    const std::string n = r.name(key, "class name");
+    r.requireSequence(value, "the access lists of class " + Vix::quoted(n));
+    std::vector<std::string> lists;
+    for (const auto& list : value.items()) {
+      const std::string l = r.name(list, "access-list name");
+      if (model.accessLists.count(l) == 0) {
+        r.fail(list, "unknown access list " + Vix::quoted(l) + " in class " + Vix::quoted(n));
+      }
+      lists.push_back(l);
+    }
+    model.lines.classMaps[n] = key.line();
+    model.classMaps.emplace(n, lists);
+  }
+}
+
+void readPolicyMaps(Reader& r, const YamlNode& policies, ConfigModel& model) {
+  for (const auto& [key, value] : r.entries(policies, "policy-maps")) {
+    const std::string n = r.name(key, "policy name");
+    r.requireSequence(value, "the classes of policy " + Vix::quoted(n));
+    std::vector<PolicyClassSpec> classes;
+    std::set<std::string> seen;
+    for (const auto& c : value.items()) {
+      auto entry = readPolicyClass(r, model, c);
+      if (!seen.insert(entry.className).second) {
+        r.fail(c,
+               "class " + Vix::quoted(entry.className) + " used twice in policy " + Vix::quoted(n));
+      }
+      model.lines.policyClasses[{n, entry.className}] = c.line();
+      classes.push_back(std::move(entry));
+    }
+    model.policyMaps.emplace_back(n, std::move(classes));
+  }
+}
+
+void readInterfaces(Reader& r, const YamlNode& intfs, ConfigModel& model) {
+  for (const auto& [key, value] : r.entries(intfs, "interfaces")) {
+    const std::string intf = r.scalar(key, "interface name");
+    if (!Velnet::IntfId::validName(intf)) {
+      r.fail(key, "invalid interface name " + Vix::quoted(intf) +
+                      " (1 to 15 letters, digits, '_', '.' or '-', not starting with '-')");
+    }
+    const std::string policy = r.name(value, "policy name");
+    if (!model.policyMap(policy)) {
+      r.fail(value,
+             "unknown policy " + Vix::quoted(policy) + " for interface " + Vix::quoted(intf));
+    }
+    model.interfaces.emplace(Velnet::IntfId(intf), policy);
+  }
+}
+
+const char* const kEmpty =
+    "no access-lists, class-maps, policy-maps or interfaces: the file is empty or cut short "
+    "(say 'policy-maps: {}' and 'interfaces: {}' to mean none)";
+
+using Entries = std::vector<std::pair<YamlNode, YamlNode>>;
+
+// A key with nothing after it is what a file cut short looks like:
+// emptiness is said explicitly.
+void refuseEmptySections(Reader& r, const Entries& top) {
   for (const auto& [key, value] : top) {
     if (!value.isNull()) continue;
     r.fail(key, "section " + Vix::quoted(key.scalar()) +
                     " has no value (is the file cut short?); write '" + key.scalar() +
                     ": {}' to mean none");
   }
-  if (const auto groups = section("nexthop-groups"); groups && !groups.isNull()) {
-    for (const auto& [key, value] : r.entries(groups, "nexthop-groups")) {
-      const std::string n = r.name(key, "nexthop group name");
-      model.lines.nexthopGroups[n] = key.line();
-      model.nexthopGroups.emplace(
-          n, readNexthopList(r, value, "the nexthops of group " + Vix::quoted(n)));
-    }
-  }
-  if (const auto checks = section("health-checks"); checks && !checks.isNull()) {
-    for (const auto& [key, value] : r.entries(checks, "health-checks")) {
-      const std::string text = r.scalar(key, "a nexthop address");
-      const auto nexthop = Velnet::IpGenAddr::tryParse(text);
-      if (!nexthop) r.fail(key, "invalid nexthop address " + Vix::quoted(text));
-      if (model.healthChecks.count(*nexthop) != 0) {
-        r.fail(key, "nexthop " + Vix::quoted(text) + " has two health checks");
-      }
-      model.lines.healthChecks[*nexthop] = key.line();
-      model.healthChecks.emplace(*nexthop, readHealthCheck(r, *nexthop, value));
-    }
-  }
-  if (const auto t = section("tunables"); t && !t.isNull()) readTunables(r, t, model.tunables);
-  if (const auto m = section("mangle-table")) model.mangleTable = r.mangleTable(m);
-  if (const auto lists = section("access-lists"); lists && !lists.isNull()) {
-    for (const auto& [key, value] : r.entries(lists, "access-lists")) {
-      const std::string n = r.name(key, "access-list name");
-      model.lines.accessLists[n] = key.line();
-      model.accessLists.emplace(n, readAccessList(r, n, value, model.lines));
-    }
-  }
-  if (const auto classes = section("class-maps"); classes && !classes.isNull()) {
-    for (const auto& [key, value] : r.entries(classes, "class-maps")) {
-      const std::string n = r.name(key, "class name");
-      r.requireSequence(value, "the access lists of class " + Vix::quoted(n));
-      std::vector<std::string> lists;
-      for (const auto& list : value.items()) {
-        const std::string l = r.name(list, "access-list name");
-        if (model.accessLists.count(l) == 0) {
-          r.fail(list, "unknown access list " + Vix::quoted(l) + " in class " + Vix::quoted(n));
-        }
-        lists.push_back(l);
-      }
-      model.lines.classMaps[n] = key.line();
-      model.classMaps.emplace(n, lists);
-    }
-  }
-  if (const auto policies = section("policy-maps"); policies && !policies.isNull()) {
-    for (const auto& [key, value] : r.entries(policies, "policy-maps")) {
-      const std::string n = r.name(key, "policy name");
-      r.requireSequence(value, "the classes of policy " + Vix::quoted(n));
-      std::vector<PolicyClassSpec> classes;
-      std::set<std::string> seen;
-      for (const auto& c : value.items()) {
-        auto entry = readPolicyClass(r, model, c);
-        if (!seen.insert(entry.className).second) {
-          r.fail(c, "class " + Vix::quoted(entry.className) + " used twice in policy " +
-                        Vix::quoted(n));
-        }
-        model.lines.policyClasses[{n, entry.className}] = c.line();
-        classes.push_back(std::move(entry));
-      }
-      model.policyMaps.emplace_back(n, std::move(classes));
-    }
-  }
-  if (const auto intfs = section("interfaces"); intfs && !intfs.isNull()) {
-    for (const auto& [key, value] : r.entries(intfs, "interfaces")) {
-      const std::string intf = r.scalar(key, "interface name");
-      if (!Velnet::IntfId::validName(intf)) {
-        r.fail(key, "invalid interface name " + Vix::quoted(intf) +
-                        " (1 to 15 letters, digits, '_', '.' or '-', not starting with '-')");
-      }
-      const std::string policy = r.name(value, "policy name");
-      if (!model.policyMap(policy)) {
-        r.fail(value,
-               "unknown policy " + Vix::quoted(policy) + " for interface " + Vix::quoted(intf));
-      }
-      model.interfaces.emplace(Velnet::IntfId(intf), policy);
-    }
-  }
+}
+
+// The sections come in any order, so a file cut at any line lacks policies
+// or interfaces unless it is whole.
+void requireWhole(Reader& r, const YamlNode& root, const Entries& top) {
+  std::set<std::string> present;
+  for (const auto& [key, value] : top) present.insert(key.scalar());
   if (std::none_of(std::begin(kSteeringSections), std::end(kSteeringSections),
-                   [&](const char* name) { return static_cast<bool>(section(name)); })) {
+                   [&](const char* name) { return present.count(name) != 0; })) {
     r.fail(root, kEmpty);
   }
-  // The sections come in any order, so a file cut at any line lacks one of
-  // these two unless it is whole.
-  if (!section("policy-maps")) {
+  if (present.count("policy-maps") == 0) {
     r.fail(root,
            "there is no policy-maps section (is the file cut short?); write 'policy-maps: {}' "
            "to define no policy on purpose");
   }
-  if (!section("interfaces")) {
+  if (present.count("interfaces") == 0) {
     r.fail(root,
            "there is no interfaces section (is the file cut short?); write 'interfaces: {}' to "
            "apply no policy on purpose");
   }
+}
+
+ConfigModel readModel(Reader& r, const YamlNode& root) {
+  if (!root || root.isNull()) r.failFile(kEmpty);
+  const Entries top = r.entries(root, "the configuration",
+                                {"tunables", "mangle-table", "nexthop-groups", "health-checks",
+                                 "access-lists", "class-maps", "policy-maps", "interfaces"});
+  refuseEmptySections(r, top);
+  using SectionReader = void (*)(Reader&, const YamlNode&, ConfigModel&);
+  // In the order of their references: groups and checks before the classes
+  // that use them, lists before classes, classes before policies before
+  // interfaces.
+  const std::pair<const char*, SectionReader> readers[] = {
+      {"nexthop-groups", readNexthopGroups},
+      {"health-checks", readHealthChecks},
+      {"tunables",
+       [](Reader& r, const YamlNode& t, ConfigModel& m) { readTunables(r, t, m.tunables); }},
+      {"mangle-table",
+       [](Reader& r, const YamlNode& t, ConfigModel& m) { m.mangleTable = r.mangleTable(t); }},
+      {"access-lists", readAccessLists},
+      {"class-maps", readClassMaps},
+      {"policy-maps", readPolicyMaps},
+      {"interfaces", readInterfaces}};
+  ConfigModel model;
+  for (const auto& [name, read] : readers) {
+    for (const auto& [key, value] : top) {
+      if (key.scalar() == name) read(r, value, model);
+    }
+  }
+  requireWhole(r, root, top);
   return model;
 }
 
