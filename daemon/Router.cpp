@@ -10,15 +10,15 @@
 #include "config/ReloadPlan.h"
 #include "framework/ActivityManager.h"
 #include "insight/ChangeNotices.h"
+#include "insight/ClassCounters.h"
 #include "insight/ConfigLinter.h"
 #include "insight/Explanation.h"
 #include "insight/MetricsSnapshot.h"
 #include "insight/PacketMatcher.h"
 #include "insight/StatusReport.h"
-#include "net/Ip6Prefix.h"
-#include "net/Prefix.h"
 #include "plugin/ClassCommonData.h"
 #include "plugin/StateDatabase.h"
+#include "sync/ConnectedLinks.h"
 
 namespace Waymark {
 
@@ -346,57 +346,9 @@ std::string Router::setTunable(const std::string& name, const std::string& value
   return "";
 }
 
-nlohmann::json Router::addresses() const {
-  nlohmann::json out = nlohmann::json::object();
-  ipStatus_->ipIntfStatusMap().forEach([&](const Ip::IpIntfStatus& intf) {
-    auto& addrs = out[intf.key().stringValue()] = nlohmann::json::array();
-    if (intf.activeAddrWithMask() != Velnet::IpAddrWithMask()) {
-      addrs.push_back(intf.activeAddrWithMask().stringValue());
-    }
-    for (const auto& [addr, active] : intf.activeSecondaryWithMask()) {
-      if (active) addrs.push_back(addr.stringValue());
-    }
-  });
-  ip6Status_->intfMap().forEach([&](const Ip6::IntfStatus& intf) {
-    auto& addrs = out[intf.key().stringValue()];
-    if (addrs.is_null()) addrs = nlohmann::json::array();
-    for (const auto& [addr, info] : intf.addrs()) addrs.push_back(addr.stringValue());
-  });
-  return out;
-}
-
 HealthMonitor::Link Router::linkOf(const Velnet::IpGenAddr& nexthop) const {
-  HealthMonitor::Link best;
-  int bestLen = -1;
-  auto consider = [&](const std::string& name, const Velnet::IpGenAddr& source, bool holds,
-                      int len) {
-    if (holds && len > bestLen) {
-      best = {name, source};
-      bestLen = len;
-    }
-  };
-  if (nexthop.isV4()) {
-    ipStatus_->ipIntfStatusMap().forEach([&](const Ip::IpIntfStatus& intf) {
-      auto check = [&](const Velnet::IpAddrWithMask& a) {
-        if (a.maskLen() == 0) return;
-        consider(intf.key().stringValue(), a.addr(), Velnet::Prefix(a).contains(nexthop.v4()),
-                 a.maskLen());
-      };
-      check(intf.activeAddrWithMask());
-      for (const auto& [addr, active] : intf.activeSecondaryWithMask()) {
-        if (active) check(addr);
-      }
-    });
-  } else if (nexthop.isV6()) {
-    ip6Status_->intfMap().forEach([&](const Ip6::IntfStatus& intf) {
-      for (const auto& [addr, info] : intf.addrs()) {
-        if (addr.maskLen() == 0) continue;
-        consider(intf.key().stringValue(), addr.addr(),
-                 Velnet::Ip6Prefix(addr).contains(nexthop.v6()), addr.maskLen());
-      }
-    });
-  }
-  return best;
+  const auto link = ConnectedLinks::linkOf(*ipStatus_, *ip6Status_, nexthop);
+  return {link.interface, link.source};
 }
 
 void Router::event(const std::string& kind, const std::string& text) {
@@ -467,71 +419,14 @@ void Router::metrics(std::function<void(std::vector<prometheus::MetricFamily>)> 
   });
 }
 
-namespace {
-
-// Where one policy's classes sit in its family's chain, taken on the loop
-// so that the read-back off it needs nothing of the plug-in.
-struct ChainClasses {
-  std::string policy;
-  const char* family;
-  std::string chain;
-  std::vector<std::pair<uint32_t, std::string>> positions;  // rule position, class
-  std::vector<std::string> classes;                         // in order, those with rules
-};
-
-// A class's traffic is what the first rule of each of its pairs saw: the
-// pairs before it accepted what they matched.
-void addCounters(const ChainClasses& c, const Kernel::MangleReadback::RuleCounters& counters,
-                 nlohmann::json& out) {
-  std::map<std::string, Kernel::MangleReadback::Counter> perClass;
-  const auto chain = counters.find(c.chain);
-  for (const auto& [position, name] : c.positions) {
-    if (chain == counters.end() || position == 0 || position > chain->second.size()) continue;
-    auto& sum = perClass[name];
-    sum.packets += chain->second[position - 1].packets;
-    sum.bytes += chain->second[position - 1].bytes;
-  }
-  for (const auto& name : c.classes) {
-    const auto& sum = perClass[name];
-    out.push_back({{"policy", c.policy},
-                   {"family", c.family},
-                   {"class", name},
-                   {"packets", sum.packets},
-                   {"bytes", sum.bytes}});
-  }
-}
-
-}  // namespace
-
 void Router::classCounters(std::function<void(nlohmann::json)> done) {
   countersAsked_.push_back(std::move(done));
   // One read-back answers everyone who asks while it is on its way, so that
   // scrapers asking without pause cost one read-back at a time.
   if (countersAsked_.size() > 1) return;
-  std::array<std::vector<ChainClasses>, 2> perFamily;
-  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
-    const auto typeData = plugin_->aclHelper()->aclTypeData(option);
-    if (!typeData) continue;
-    for (const auto& sm : plugin_->pbrAclPluginSm()->policyMapSms()) {
-      const auto acl = typeData->acl(sm->key());
-      if (!sm->programmed(option) || !acl) continue;
-      ChainClasses c{sm->key().name(), PolicyMap::familyName(option), acl->chainName(), {}, {}};
-      acl->ruleIndexes().forEach([&](const Pbr::Iptables::SubRuleKey& key, uint32_t position) {
-        c.positions.emplace_back(position, key.aclRuleKey().className());
-      });
-      for (const auto& cls : sm->classes()) {
-        if (!cls->subRules(sm->key(), option).empty()) c.classes.push_back(cls->name());
-      }
-      perFamily[option == PolicyMap::matchIpv6].push_back(std::move(c));
-    }
-  }
-  background_.post([this, perFamily = std::move(perFamily)]() {
-    nlohmann::json classes = nlohmann::json::array();
-    for (const bool v6 : {false, true}) {
-      if (perFamily[v6].empty()) continue;
-      const auto counters = kernel_.ruleCounters(v6);
-      for (const auto& c : perFamily[v6]) addCounters(c, counters, classes);
-    }
+  background_.post([this, chains = ClassCounters::chainsOf(*plugin_)]() {
+    auto classes =
+        ClassCounters::read(chains, [this](bool v6) { return kernel_.ruleCounters(v6); });
     return BackgroundWork::Done([this, classes = std::move(classes)]() {
       for (const auto& asked : std::exchange(countersAsked_, {})) asked({{"classes", classes}});
     });
@@ -547,7 +442,7 @@ nlohmann::json Router::status() const {
   status["version"] = WAYMARK_VERSION;
   status["uptime"] = clock_.now() - startedAt_;
   status["idle"] = idle();
-  status["interfaces"] = addresses();
+  status["interfaces"] = ConnectedLinks::addresses(*ipStatus_, *ip6Status_);
   for (auto& nexthop : status["nexthops"]) {
     const auto address = Velnet::IpGenAddr::parse(nexthop["address"].get<std::string>());
     const std::string intf = linkOf(address).interface;

@@ -162,9 +162,6 @@ class Router {
   // Finds the warnings of the model in use off the loop; a newer model's
   // search supersedes it. `done` runs once they are in.
   void lint(std::function<void()> done = {});
-  // Each interface's addresses as the router knows them: IPv4 primary
-  // first, then secondaries, then IPv6.
-  nlohmann::json addresses() const;
   // The interface whose connected subnet holds `nexthop` (the longest) and
   // the interface's address in it; no interface when none holds it.
   HealthMonitor::Link linkOf(const Velnet::IpGenAddr& nexthop) const;

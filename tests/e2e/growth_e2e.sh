@@ -8,7 +8,7 @@
 # ratio.
 #
 # Measured: `waymarkd --check` (varied rule shapes, so that the warnings'
-# search meets prefixes, ranges and flags), a start to idle in a private
+# search meets prefixes, ranges and flags; its CPU time), a start to idle in a private
 # namespace, `status --json`, `counters --json` and `explain` of the
 # running daemon, and a reload that changes one rule's port, to idle.
 # Usage: tests/e2e/growth_e2e.sh BUILD [N]   N sub-rules, default 2500
@@ -42,6 +42,17 @@ best_of_five() {
     t0=$(now)
     "$@" >/dev/null 2>&1
     t=$(awk -v a="$t0" -v b="$(now)" 'BEGIN {printf "%.4f", b - a}')
+    if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN {exit !(t < b)}'; then best=$t; fi
+  done
+  echo "$best"
+}
+# CPU seconds (user and system) COMMAND takes, the best of five runs: for
+# work done by one process alone, which other load on the machine does not
+# stretch as it stretches the wall clock.
+best_cpu_of_five() {
+  local best="" t i TIMEFORMAT='%U %S'
+  for i in 1 2 3 4 5; do
+    t=$({ time "$@" >/dev/null 2>&1; } 2>&1 | awk '{printf "%.4f", $1 + $2}')
     if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN {exit !(t < b)}'; then best=$t; fi
   done
   echo "$best"
@@ -97,7 +108,7 @@ for size in "$N" $((4 * N)); do
   generate_varied "$((10 * size))" "$RUN/varied$size.yaml"
   generate_one_policy "$size" 20 $((size / 50)) "$RUN/c$size.yaml"
   sed -i '/command-executor/d; /^tunables:/d' "$RUN/c$size.yaml"
-  at[check$size]=$(best_of_five "$WAYMARKD" --check --config "$RUN/varied$size.yaml")
+  at[check$size]=$(best_cpu_of_five "$WAYMARKD" --check --config "$RUN/varied$size.yaml")
   best_start "$RUN/c$size.yaml"
   at[start$size]=$BEST
   at[status$size]=$(best_of_five ctl status --json)
