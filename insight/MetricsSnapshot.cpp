@@ -37,11 +37,9 @@ MetricFamily single(std::string name, std::string help, MetricType type, double 
   return f;
 }
 
-}  // namespace
+using Families = std::vector<MetricFamily>;
 
-std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
-                                                 const nlohmann::json& traffic) {
-  std::vector<MetricFamily> out;
+void addClassTraffic(const nlohmann::json& traffic, Families& out) {
   auto packets =
       family("waymark_class_packets_total",
              "Packets each class took, from the kernel's rule counters", MetricType::Counter);
@@ -57,7 +55,9 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
   }
   out.push_back(std::move(packets));
   out.push_back(std::move(bytes));
+}
 
+void addNexthops(const nlohmann::json& status, Families& out) {
   auto up = family("waymark_nexthop_up",
                    "1 while the nexthop is usable: inside a connected subnet, with resources, "
                    "not down by its health check",
@@ -87,15 +87,17 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
   out.push_back(std::move(programmed));
   out.push_back(std::move(loss));
   out.push_back(std::move(rtt));
+}
 
+void addRuleQueues(const nlohmann::json& status, Families& out) {
   const auto& queues = status.value("queues", nlohmann::json::object());
+  const auto& counters = status.value("counters", nlohmann::json::object());
   auto queue = family("waymark_rule_queue_length", "Rule-queue elements waiting to be written",
                       MetricType::Gauge);
   auto ruleTime = family("waymark_rule_programming_seconds_total",
                          "Time spent writing each family's rules", MetricType::Counter);
   auto batches = family("waymark_iptables_batches_total",
                         "iptables-restore batches written, by outcome", MetricType::Counter);
-  const auto& counters = status.value("counters", nlohmann::json::object());
   for (const char* f : {"ipv4", "ipv6"}) {
     queue.metric.push_back(
         sample(MetricType::Gauge, number(queues.value(f, nlohmann::json())), {{"family", f}}));
@@ -113,7 +115,11 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
   out.push_back(std::move(queue));
   out.push_back(std::move(ruleTime));
   out.push_back(std::move(batches));
+}
 
+void addDaemon(const nlohmann::json& status, Families& out) {
+  const auto& queues = status.value("queues", nlohmann::json::object());
+  const auto& counters = status.value("counters", nlohmann::json::object());
   const auto& nexthops = counters.value("nexthops", nlohmann::json::object());
   const auto& daemon = status.value("daemon", nlohmann::json::object());
   out.push_back(single("waymark_nexthops_pending", "Nexthop operations waiting for the loop",
@@ -153,6 +159,17 @@ std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
                        number(daemon.value("longestLoopTurn", nlohmann::json()))));
   out.push_back(single("waymark_uptime_seconds", "Seconds since the daemon started",
                        MetricType::Gauge, number(status.value("uptime", nlohmann::json()))));
+}
+
+}  // namespace
+
+std::vector<MetricFamily> MetricsSnapshot::build(const nlohmann::json& status,
+                                                 const nlohmann::json& traffic) {
+  Families out;
+  addClassTraffic(traffic, out);
+  addNexthops(status, out);
+  addRuleQueues(status, out);
+  addDaemon(status, out);
   return out;
 }
 
