@@ -19,6 +19,7 @@
 #include "plugin/ClassCommonData.h"
 #include "plugin/StateDatabase.h"
 #include "sync/ConnectedLinks.h"
+#include "sync/MangleRebuild.h"
 
 namespace Waymark {
 
@@ -104,13 +105,13 @@ double Router::sleepTime() const {
   const double drift = kernel_.driftSuspected() ? 0.05 : Vix::kNever;
   // A comparison waits for waymark's own work; what ends that work wakes
   // the loop anyway.
-  const double mangle = phase_ == StartupPhase::running && rebuild_ == Rebuild::none && quiet()
+  const double mangle = phase_ == StartupPhase::running && !rebuild_.running() && quiet()
                             ? std::max(0.0, kernel_.mangleCheckDue() - clock_.now())
                             : Vix::kNever;
   const double journal = phase_ == StartupPhase::running
                              ? std::max(0.0, kernel_.journalCheckDue() - clock_.now())
                              : Vix::kNever;
-  const double startRetry = std::max(0.0, startRetry_.due - clock_.now());
+  const double startRetry = std::max(0.0, rebuild_.startRetryDue() - clock_.now());
   return std::min({Vix::activityManager().sleepTime(), health, drift, mangle, journal, startRetry});
 }
 
@@ -140,54 +141,14 @@ void Router::advanceStartup() {
     kernel_.nexthopsProgrammed();
   }
   if (phase_ == StartupPhase::writingRules) {
-    if (rebuild_ != Rebuild::none) advanceRebuild();
-    if (rebuild_ != Rebuild::none || kernel_.writing() || !startLanded()) return;
+    rebuild_.advance(*plugin_, StatusReport::idle(*plugin_));
+    if (rebuild_.running() || kernel_.writing() || !rebuild_.startLanded(*plugin_, clock_.now())) {
+      return;
+    }
     phase_ = StartupPhase::removingLeftovers;
     kernel_.rulesWritten(*plugin_->nexthopTableManager());
     phase_ = StartupPhase::running;
   }
-}
-
-bool Router::startLanded() {
-  if (batchesFailed() == startRetry_.failedBefore) {
-    if (!startRetry_.error.empty()) {
-      event("start-retry", "the start's rules are written, at attempt " +
-                               std::to_string(startRetry_.attempts + 1));
-    }
-    startRetry_.error.clear();
-    return true;
-  }
-  const double now = clock_.now();
-  if (startRetry_.due == Vix::kNever) {
-    constexpr double kLongestWait = 30.0;
-    const double wait = std::min(
-        kLongestWait, std::ldexp(1.0, static_cast<int>(std::min(startRetry_.attempts, 5u))));
-    startRetry_.error = lastBatchError();
-    startRetry_.due = now + wait;
-    event("start-retry", "the start's rules could not be written (" + startRetry_.error +
-                             "); not ready, writing them again in " +
-                             std::to_string(static_cast<int>(wait)) + " s");
-    return false;
-  }
-  if (now < startRetry_.due) return false;
-  ++startRetry_.attempts;
-  startRetry_.due = Vix::kNever;
-  startRetry_.failedBefore = batchesFailed();
-  // What the previous run wrote still steers meanwhile; the attempt
-  // replaces waymark's part of the tables in place.
-  beginRebuild("start-retry");
-  return false;
-}
-
-std::string Router::lastBatchError() const {
-  std::string error;
-  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
-    const auto typeData = plugin_->aclHelper()->aclTypeData(option);
-    if (typeData && !typeData->iptablesManager()->lastError().empty()) {
-      error = typeData->iptablesManager()->lastError();
-    }
-  }
-  return error;
 }
 
 void Router::keepKernel() {
@@ -196,8 +157,8 @@ void Router::keepKernel() {
        kernel_.repairDrift(*plugin_->nexthopTableManager(), usable, clock_.now())) {
     event("drift", text);
   }
-  if (rebuild_ != Rebuild::none) {
-    advanceRebuild();
+  if (rebuild_.running()) {
+    rebuild_.advance(*plugin_, StatusReport::idle(*plugin_));
     return;
   }
   // Compared only when nothing is on its way, so that what waymark is
@@ -205,51 +166,18 @@ void Router::keepKernel() {
   if (!quiet()) return;
   if (resyncRequested_) {
     resyncRequested_ = false;
-    beginRebuild("resync");
+    rebuild_.begin(*plugin_, "resync");
     return;
   }
   if (clock_.now() < kernel_.mangleCheckDue()) return;
   std::vector<std::string> found;
   const bool rebuild = kernel_.mangleDrifted(clock_.now(), found);
   for (const auto& text : found) event("drift", text);
-  if (rebuild) beginRebuild("drift");
-}
-
-void Router::beginRebuild(const std::string& cause) {
-  rebuildCause_ = cause;
-  failedBeforeRebuild_ = batchesFailed();
-  kernel_.beginRebuild();
-  plugin_->pbrAclPluginSm()->rebuild();
-  rebuild_ = Rebuild::programming;
-}
-
-void Router::advanceRebuild() {
-  if (rebuild_ == Rebuild::programming) {
-    if (!StatusReport::idle(*plugin_)) return;
-    kernel_.commitRebuild();
-    rebuild_ = Rebuild::writing;
-  }
-  if (kernel_.writing()) return;
-  rebuild_ = Rebuild::none;
-  ++rebuilds_;
-  const std::string error = batchesFailed() != failedBeforeRebuild_ ? lastBatchError() : "";
-  kernel_.rebuildDone(error);
-  event(rebuildCause_, error.empty() ? "mangle tables rebuilt in place, one transaction per family"
-                                     : "mangle tables could not be rebuilt: " + error);
+  if (rebuild) rebuild_.begin(*plugin_, "drift");
 }
 
 bool Router::quiet() const {
   return !gate_.waiting() && StatusReport::idle(*plugin_) && !kernel_.writing();
-}
-
-uint32_t Router::batchesFailed() const {
-  uint32_t failed = 0;
-  for (const auto option : {PolicyMap::matchIpv4, PolicyMap::matchIpv6}) {
-    if (const auto typeData = plugin_->aclHelper()->aclTypeData(option)) {
-      failed += typeData->iptablesManager()->batchesFailed();
-    }
-  }
-  return failed;
 }
 
 void Router::resync() {
@@ -322,8 +250,8 @@ void Router::applyReload(const std::shared_ptr<ConfigModel>& model, const std::s
 }
 
 bool Router::idle() const {
-  return phase_ == StartupPhase::running && quiet() && rebuild_ == Rebuild::none &&
-         !resyncRequested_ && !kernel_.driftSuspected() && !kernel_.mangleSuspected();
+  return phase_ == StartupPhase::running && quiet() && !rebuild_.running() && !resyncRequested_ &&
+         !kernel_.driftSuspected() && !kernel_.mangleSuspected();
 }
 
 void Router::applyTunables(const Tunables& t) {
@@ -458,11 +386,12 @@ nlohmann::json Router::status() const {
       {"nexthopsProgrammed", programmed},
       {"nexthopsPending", manager.pendingNexthops().members()},
       {"rulesWaiting", queues["ipv4"].get<uint32_t>() + queues["ipv6"].get<uint32_t>()},
-      {"writeAttempts", startRetry_.attempts + 1},
-      {"writeError", startRetry_.error},
-      {"nextWriteIn", startRetry_.due == Vix::kNever
-                          ? nlohmann::json()
-                          : nlohmann::json(std::max(0.0, startRetry_.due - clock_.now()))}};
+      {"writeAttempts", rebuild_.startAttempts()},
+      {"writeError", rebuild_.startError()},
+      {"nextWriteIn",
+       rebuild_.startRetryDue() == Vix::kNever
+           ? nlohmann::json()
+           : nlohmann::json(std::max(0.0, rebuild_.startRetryDue() - clock_.now()))}};
   status["daemon"] = {{"config", configPath_},
                       {"uptime", clock_.now() - startedAt_},
                       {"longestLoopTurn", longestTurn_},
@@ -474,8 +403,8 @@ nlohmann::json Router::status() const {
                       {"startingUp", phase_ != StartupPhase::running},
                       {"configWaiting", gate_.waiting()},
                       {"writerIdle", !kernel_.writing()},
-                      {"mangleRebuilds", rebuilds_},
-                      {"mangleRebuilding", rebuild_ != Rebuild::none || resyncRequested_}};
+                      {"mangleRebuilds", rebuild_.rebuilds()},
+                      {"mangleRebuilding", rebuild_.running() || resyncRequested_}};
   kernel_.describe(status);
   // Last: the run-time warnings read what the kernel side describes too.
   nlohmann::json warnings = configWarnings_;

@@ -48,6 +48,7 @@
 #include "plugin/AclPlugin.h"
 #include "policymap/Stordb.h"
 #include "sync/InterfaceStatusSync.h"
+#include "sync/MangleRebuild.h"
 #include "sync/RouterKernel.h"
 
 namespace Waymark {
@@ -128,15 +129,6 @@ class Router {
                    const Reloaded& done);
   // Compares the kernel with what waymark programmed and repairs it.
   void keepKernel();
-  // A mangle rebuild's steps: programmed again (held), then written.
-  void advanceRebuild();
-  void beginRebuild(const std::string& cause);
-  // Whether the start's rules are in the kernel; when not, schedules or
-  // begins another attempt.
-  bool startLanded();
-  // The latest error iptables reported, of either family.
-  std::string lastBatchError() const;
-  uint32_t batchesFailed() const;
   // Nothing of waymark's own is on its way: no configuration waiting, the
   // plug-in's queues empty, the writer idle.
   bool quiet() const;
@@ -202,24 +194,11 @@ class Router {
   // What the last applied reload changed.
   nlohmann::json lastPlan_;
   std::string lastPlanText_;
-  enum class Rebuild { none, programming, writing };
-  Rebuild rebuild_ = Rebuild::none;
-  std::string rebuildCause_;
-  uint32_t failedBeforeRebuild_ = 0;
   bool resyncRequested_ = false;
-  uint32_t rebuilds_ = 0;
-  // The start's rules that iptables did not take: written again, backing
-  // off, and the daemon is not ready until they are in the kernel.
-  struct StartRetry {
-    uint32_t failedBefore = 0;  // batches failed before the latest attempt
-    uint32_t attempts = 0;
-    std::string error;         // "" while no attempt failed
-    double due = Vix::kNever;  // when the next attempt begins
-  };
-  StartRetry startRetry_;
-
   const Log log_;
   EventLog events_{log_};
+  MangleRebuild rebuild_{
+      kernel_, [this](const std::string& kind, const std::string& text) { event(kind, text); }};
   ChangeNotices notices_;
   // A cheap summary of the plug-in's activity that tells whether to look
   // for changes again.
