@@ -145,21 +145,35 @@ std::map<uint32_t, uint32_t> KernelRouting::routeTables(bool v6) {
   return out;
 }
 
-std::optional<Velnet::IpGenAddr> KernelRouting::soleDefaultGateway(const RouteTableId& table) {
-  int result = 0;
-  const auto found = routes(table.v6, table.table, &result);
-  if (result != 0 || found.size() != 1) return std::nullopt;
-  const auto& m = *reinterpret_cast<const nlmsghdr*>(found.front().data());
-  if (static_cast<const rtmsg*>(NLMSG_DATA(&m))->rtm_dst_len != 0) return std::nullopt;
+namespace {
+
+// The gateway of a default route, or unset.
+Velnet::IpGenAddr defaultGateway(const nlmsghdr& m, bool v6) {
+  if (static_cast<const rtmsg*>(NLMSG_DATA(&m))->rtm_dst_len != 0) return {};
   const auto attrs = attributes<rtmsg>(m);
   const auto gateway = attrs.find(RTA_GATEWAY);
-  const size_t size = table.v6 ? 16 : 4;
-  if (gateway == attrs.end() || RTA_PAYLOAD(gateway->second) != size) return std::nullopt;
+  if (gateway == attrs.end() || RTA_PAYLOAD(gateway->second) != (v6 ? 16u : 4u)) return {};
   char text[INET6_ADDRSTRLEN] = {};
-  if (inet_ntop(family(table.v6), RTA_DATA(gateway->second), text, sizeof text) == nullptr) {
-    return std::nullopt;
+  if (inet_ntop(family(v6), RTA_DATA(gateway->second), text, sizeof text) == nullptr) return {};
+  return Velnet::IpGenAddr::tryParse(text).value_or(Velnet::IpGenAddr());
+}
+
+}  // namespace
+
+std::map<uint32_t, Velnet::IpGenAddr> KernelRouting::soleDefaultGateways(bool v6) {
+  std::map<uint32_t, std::pair<uint32_t, Velnet::IpGenAddr>> seen;  // routes, gateway
+  int result = 0;
+  for (const auto& route : routes(v6, 0, &result)) {
+    const auto& m = *reinterpret_cast<const nlmsghdr*>(route.data());
+    auto& [count, gateway] = seen[u32(attributes<rtmsg>(m), RTA_TABLE,
+                                      static_cast<const rtmsg*>(NLMSG_DATA(&m))->rtm_table)];
+    if (++count == 1) gateway = defaultGateway(m, v6);
   }
-  return Velnet::IpGenAddr::tryParse(text);
+  std::map<uint32_t, Velnet::IpGenAddr> out;
+  for (const auto& [table, held] : seen) {
+    if (held.first == 1 && !held.second.isUnset()) out.emplace(table, held.second);
+  }
+  return out;
 }
 
 int KernelRouting::flushTable(bool v6, uint32_t table) {

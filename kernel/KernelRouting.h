@@ -11,7 +11,6 @@
 #include <compare>
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <vector>
 
 #include "kernel/RtnetlinkSocket.h"
@@ -60,9 +59,9 @@ class KernelRouting {
   bool hasRoutes(const RouteTableId& table);
   // Each table of the family that holds routes, with how many.
   std::map<uint32_t, uint32_t> routeTables(bool v6);
-  // The gateway of the table's only route when that is a default route, as
-  // waymark's tables hold.
-  std::optional<Velnet::IpGenAddr> soleDefaultGateway(const RouteTableId& table);
+  // Each table of the family whose only route is a default route, as
+  // waymark's tables hold, with that route's gateway; one dump.
+  std::map<uint32_t, Velnet::IpGenAddr> soleDefaultGateways(bool v6);
 
   uint32_t requests() const { return socket_.requests(); }
 

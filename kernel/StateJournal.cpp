@@ -139,8 +139,10 @@ void StateJournal::loadSnapshot() {
     }
   } catch (const nlohmann::json::exception& e) {
     problems_.push_back(path_ + " is damaged (" + e.what() +
-                        "): the previous run's rules and tables it named are not known, and are "
-                        "left alone as another tool's");
+                        "): the previous run's rules and tables it named are not known; only "
+                        "what the kernel shows to be waymark's is taken as that run's, the rest "
+                        "is left alone as another tool's");
+    snapshotDamaged_ = true;
     return;
   }
   rules_ = std::move(rules);

@@ -64,6 +64,8 @@ class StateJournal {
   // Whether load() read a snapshot whole: false when there was none, or a
   // damaged one.
   bool snapshotRead() const { return snapshotRead_; }
+  // Whether load() found a snapshot it could not read.
+  bool snapshotDamaged() const { return snapshotDamaged_; }
 
   bool holds(const PolicyRule& rule) const { return rules_.count(rule) != 0; }
   bool holds(const RouteTableId& table) const { return tables_.count(table) != 0; }
@@ -118,6 +120,7 @@ class StateJournal {
   std::string error_;
   std::vector<std::string> problems_;
   bool snapshotRead_ = false;
+  bool snapshotDamaged_ = false;
   // The snapshot as this run last wrote or read it (inode, size, change
   // time); all 0 for none.
   struct FileMark {

@@ -303,16 +303,23 @@ void KernelSession::loadJournal() {
 
 void KernelSession::recognisePreviousRun(const std::vector<Kernel::PolicyRule>& rules,
                                          const Nexthops& configured) {
-  if (journal_.snapshotRead()) return;
+  // Only with a previous run to speak of: a damaged file, or waymark's own
+  // chains still in place. A first start recognises nothing.
+  const bool previousRun =
+      journal_.snapshotDamaged() || !previousMarks_[0].empty() || !previousMarks_[1].empty();
+  if (journal_.snapshotRead() || !previousRun) return;
   const auto nexthops = configured();
+  const std::map<uint32_t, Velnet::IpGenAddr> gateways[2] = {routing_.soleDefaultGateways(false),
+                                                             routing_.soleDefaultGateways(true)};
   size_t rulesTaken = 0;
   size_t tablesTaken = 0;
   // A backup nexthop's rule has a mark no chain sets yet; its table's one
   // default route via a nexthop of the configuration tells it.
   const auto ours = [&](const Kernel::PolicyRule& rule) {
-    if (previousMarks_[rule.v6 ? 1 : 0].count(rule.mark) != 0) return true;
-    const auto via = routing_.soleDefaultGateway({rule.v6, rule.table});
-    return via && nexthops.count(*via) != 0;
+    const size_t family = rule.v6 ? 1 : 0;
+    if (previousMarks_[family].count(rule.mark) != 0) return true;
+    const auto via = gateways[family].find(rule.table);
+    return via != gateways[family].end() && nexthops.count(via->second) != 0;
   };
   for (const auto& rule : rules) {
     if (rule.mark == 0 || journal_.holds(rule) || !ours(rule)) continue;
