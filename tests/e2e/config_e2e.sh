@@ -58,33 +58,39 @@ check "...and steers as it says" "$(lab_arrived 4 tcp 80)" nh2
 
 echo "== an editor writing the file in place, slowly"
 # The writer truncates the file and writes it a line at a time, as an
-# editor saving in place over a slow disk would; reloads keep arriving
-# until it is done, and the jumps are sampled throughout.
+# editor saving in place over a slow disk would, each line only once the
+# jumps have been sampled twice since the last: reloads keep arriving
+# until it is done, and every partial file is there to be read.
+samples() { wc -l < "$RUN/samples"; }
+: > "$RUN/samples"
+(
+  while [ ! -e "$RUN/written" ]; do
+    if [ "$(jumps)" = "$with_jumps" ]; then echo ok; else echo missing; fi
+  done > "$RUN/samples"
+) &
+sampler=$!
 (
   exec 3>"$RUN/live.yaml"
   while IFS= read -r line; do
     printf '%s\n' "$line" >&3
-    sleep 0.05
+    seen=$(samples)
+    wait_for 20 "[ \$(samples) -ge $((seen + 2)) ]" || exit 1
   done < "$RUN/a.yaml"
 ) &
 writer=$!
-(
-  while [ ! -e "$RUN/written" ]; do
-    [ "$(jumps)" = "$with_jumps" ] || echo missing
-  done > "$RUN/samples"
-) &
-sampler=$!
 reloads=0
 while kill -0 "$writer" 2>/dev/null; do
   lab_ctl reload >/dev/null 2>&1
   reloads=$((reloads + 1))
 done
 wait "$writer"
+written=$?
 lab_ctl reload >/dev/null 2>&1
 lab_settle >/dev/null
 touch "$RUN/written"
 wait "$sampler"
-check "the interface's jumps were never missing ($((reloads + 1)) reloads while it was written)" \
+check "the editor wrote the whole file" "$written" 0
+check "the interface's jumps were never missing ($((reloads + 1)) reloads, $(samples) samples while it was written)" \
   "$(grep -c missing "$RUN/samples")" 0
 check "the whole file is applied in the end" "$(lab_ctl status --json | jq -r .daemon.lastReloadError)" ""
 check "...and steers as it says" "$(lab_arrived 4 tcp 80)" nh1
