@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -79,14 +78,6 @@ struct ConfigModel {
       if (n == name) return &classes;
     }
     return nullptr;
-  }
-  // Every nexthop a class names.
-  std::set<Velnet::IpGenAddr> nexthops() const {
-    std::set<Velnet::IpGenAddr> out;
-    for (const auto& [name, classes] : policyMaps) {
-      for (const auto& c : classes) out.insert(c.nexthops.begin(), c.nexthops.end());
-    }
-    return out;
   }
 };
 

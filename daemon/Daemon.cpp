@@ -18,6 +18,7 @@
 #include <mutex>
 #include <thread>
 
+#include "config/ConfigGate.h"
 #include "config/ConfigLoader.h"
 #include "framework/ActivityManager.h"
 #include "framework/String.h"
@@ -62,9 +63,9 @@ bool parseNumber(const std::string& text, double low, double high, double* out) 
 
 // The configuration's nexthops for a cleanup, which recognise waymark's
 // rules by them when the state file is damaged; none when it cannot be read.
-std::set<Velnet::IpGenAddr> Daemon::cleanupNexthops() const {
+std::vector<Velnet::IpGenAddr> Daemon::cleanupNexthops() const {
   try {
-    return ConfigLoader::loadFile(options_.config).nexthops();
+    return ConfigGate::nexthopsNamed(ConfigLoader::loadFile(options_.config));
   } catch (const ConfigError& e) {
     log(std::string("cleanup without the configuration's nexthops: ") + e.what());
     return {};

@@ -80,7 +80,7 @@ class Daemon {
 
  private:
   bool start(std::string* error);
-  std::set<Velnet::IpGenAddr> cleanupNexthops() const;
+  std::vector<Velnet::IpGenAddr> cleanupNexthops() const;
   // Opens the loop's own descriptors and waits on them and the control
   // socket's.
   bool watch(const sigset_t& signals, std::string* error);

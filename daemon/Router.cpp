@@ -192,8 +192,9 @@ namespace {
 
 // Whether `next` names a nexthop that `current` does not.
 bool newNexthops(const ConfigModel& current, const ConfigModel& next) {
-  const auto known = current.nexthops();
-  for (const auto& nexthop : next.nexthops()) {
+  const auto named = ConfigGate::nexthopsNamed(current);
+  const std::set<Velnet::IpGenAddr> known(named.begin(), named.end());
+  for (const auto& nexthop : ConfigGate::nexthopsNamed(next)) {
     if (known.count(nexthop) == 0) return true;
   }
   return false;

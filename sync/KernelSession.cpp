@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "config/ConfigGate.h"
 #include "kernel/ChildProcess.h"
 #include "kernel/MangleReadback.h"
 #include "kernel/NetlinkCommandRunner.h"
@@ -48,7 +49,7 @@ bool KernelSession::open(const ConfigModel& model, std::string* error, bool* for
     for (const auto& rule : routing_.rules(v6)) rules.push_back(rule);
     for (const auto& [table, routes] : routing_.routeTables(v6)) tables.push_back({v6, table});
   }
-  recognisePreviousRun(rules, [&model] { return model.nexthops(); });
+  recognisePreviousRun(rules, [&model] { return ConfigGate::nexthopsNamed(model); });
   foreign_ = ForeignNumbers::of(rules, tables, journal_);
   previous_ = std::make_unique<PreviousRun>(journal_, rules);
   return true;
@@ -308,7 +309,8 @@ void KernelSession::recognisePreviousRun(const std::vector<Kernel::PolicyRule>& 
   const bool previousRun =
       journal_.snapshotDamaged() || !previousMarks_[0].empty() || !previousMarks_[1].empty();
   if (journal_.snapshotRead() || !previousRun) return;
-  const auto nexthops = configured();
+  const auto named = configured();
+  const std::set<Velnet::IpGenAddr> nexthops(named.begin(), named.end());
   const std::map<uint32_t, Velnet::IpGenAddr> gateways[2] = {routing_.soleDefaultGateways(false),
                                                              routing_.soleDefaultGateways(true)};
   size_t rulesTaken = 0;

@@ -43,7 +43,7 @@ class KernelSession : public RouterKernel {
   // set then).
   bool open(const ConfigModel& model, std::string* error, bool* foreignMangle);
   // The configuration's nexthops, asked for only when they are needed.
-  using Nexthops = std::function<std::set<Velnet::IpGenAddr>()>;
+  using Nexthops = std::function<std::vector<Velnet::IpGenAddr>()>;
   // Removes waymark's chains, rules and tables, and the journal; with a
   // damaged or lost state file, what is recognised as waymark's.
   void removeEverything(const Nexthops& nexthops);
