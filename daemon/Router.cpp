@@ -291,9 +291,7 @@ void Router::noticeChanges() {
   ChangeNotices::Batches batches;
   for (const size_t i : {0, 1}) {
     const auto& typeData = i == 0 ? v4 : v6;
-    if (!typeData) continue;
-    batches.failed[i] = typeData->iptablesManager()->batchesFailed();
-    batches.lastError[i] = typeData->iptablesManager()->lastError();
+    if (typeData) batches.failed[i] = typeData->iptablesManager()->batchesFailed();
   }
   // Nothing the plug-in did since the last look: nothing to compare.
   const auto activity = std::make_tuple(
@@ -303,6 +301,10 @@ void Router::noticeChanges() {
       ipStatus_->ipIntfStatusMap().members() + ip6Status_->intfMap().members());
   if (activity == activity_) return;
   activity_ = activity;
+  for (const size_t i : {0, 1}) {
+    const auto& typeData = i == 0 ? v4 : v6;
+    if (typeData) batches.lastError[i] = typeData->iptablesManager()->lastError();
+  }
   const nlohmann::json now = StatusReport::build(*plugin_, unrecorded());
   for (const auto& notice : notices_.since(now, runTimeWarnings(now), batches)) {
     event(notice.kind, notice.text);
